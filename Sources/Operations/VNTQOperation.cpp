@@ -1,0 +1,383 @@
+#include "VantorqFoundation/VNTQOperation.h"
+
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <mutex>
+#include <utility>
+
+#include "Sources/Operations/CallbackList.h"
+#include "VantorqFoundation/Errors.h"
+#include "VantorqFoundation/Platform/Class.h"
+#include "VantorqFoundation/Platform/DispatchTimer.h"
+
+namespace vantorq {
+
+namespace {
+
+constexpr std::uint64_t kTimeoutErrorCode = 1;
+
+/// Whole nanoseconds, cut; the largest there are when there are more.
+std::uint64_t nanoseconds(double seconds) {
+    constexpr double kPerSecond = 1'000'000'000;
+    constexpr auto kMost = std::numeric_limits<std::int64_t>::max();
+    if (!(seconds > 0)) {
+        return 0;
+    }
+    const double exact = seconds * kPerSecond;
+    return exact >= static_cast<double>(kMost) ? std::uint64_t{kMost}
+                                               : static_cast<std::uint64_t>(exact);
+}
+
+void call(const NSBlock& callback, VNTQResult* result) {
+    VNTQOperation::ResultCallback::call(callback, result);
+}
+
+}  // namespace
+
+VNTQOperation::~VNTQOperation() {
+    (void)CallbackList::take(callbacks_, true);
+}
+
+// Running.
+
+void VNTQOperation::start() {
+    if (hasStarted()) {
+        return;
+    }
+    const Ref<VNTQOperation> alive(this);
+    std::unique_lock lock(lock_);
+    if (hasStarted()) {
+        return;
+    }
+    const double startDate = NSDate::now();
+    startDate_ = startDate;
+    if (isOver()) {
+        willChangeValueForKey(operation_keys::isFinished);
+        finished_ = true;
+        didChangeValueForKey(operation_keys::isFinished);
+        lock.unlock();
+        didFinishWithResult(isCancelled() ? nullptr : result_.load());
+        return;
+    }
+    willChangeValueForKey(operation_keys::isExecuting);
+    moveDeadline(startDate);
+    executing_ = true;
+    didChangeValueForKey(operation_keys::isExecuting);
+    lock.unlock();
+
+    if (const auto queue = executionQueue_.load()) {
+        queue->async([alive] { alive->execute(); });
+    } else {
+        execute();
+    }
+}
+
+/// The interval counts from the start; a deadline that was set further ahead stays.
+void VNTQOperation::moveDeadline(double startDate) {
+    const double interval = timeoutInterval_;
+    if (!(interval > 0)) {
+        return;
+    }
+    const auto date = timeoutDate_.load();
+    const double untilDate =
+        date != nullptr ? date->timeIntervalSinceReferenceDate() - NSDate::now() : 0;
+    timeoutDate_.store(NSDate::dateWithTimeIntervalSinceReferenceDate(
+        startDate + (untilDate > interval ? untilDate : interval)));
+}
+
+double VNTQOperation::timeRemaining() const {
+    if (const auto deadline = timeoutDate_.load()) {
+        const double left = deadline->timeIntervalSinceReferenceDate() - NSDate::now();
+        return left > 0 ? left : 0;
+    }
+    const double interval = timeoutInterval_;
+    if (interval > 0) {
+        return interval;
+    }
+    return finished_ ? 0 : std::numeric_limits<double>::infinity();
+}
+
+void VNTQOperation::execute() {
+    if (!executing_) {
+        return;
+    }
+    if (!(timeRemaining() > 0)) {
+        completeWithTimeout();
+        return;
+    }
+    main();
+    if (!executing_) {
+        return;
+    }
+    const double left = timeRemaining();
+    if (!(left > 0)) {
+        completeWithTimeout();
+        return;
+    }
+    invalidateTimerIfNeeded();
+    if (!std::isfinite(left)) {
+        return;
+    }
+    scheduleTimer(left);
+    // An end that came in between found no timer to disarm.
+    if (!executing_) {
+        invalidateTimerIfNeeded();
+    }
+}
+
+void VNTQOperation::main() {}
+
+void VNTQOperation::scheduleTimer(double seconds) {
+    auto queue = executionQueue_.load();
+    const auto timer =
+        make<DispatchTimer>(queue != nullptr ? std::move(queue) : DispatchQueue::global());
+    setInvalidateTimer([timer] { timer->cancel(); });
+    timer->setEventHandler([weakSelf = Weak<VNTQOperation>(this)] {
+        if (const auto self = weakSelf.load()) {
+            self->invalidateTimerIfNeeded();
+            self->completeWithTimeout();
+        }
+    });
+    const std::uint64_t delay = nanoseconds(seconds);
+    timer->schedule(delay, delay / 10);
+    timer->resume();
+}
+
+void VNTQOperation::invalidateTimerIfNeeded() {
+    if (const auto action = Callback::adopt(invalidateTimer_.exchange(nullptr))) {
+        action();
+    }
+}
+
+// Ending.
+
+void VNTQOperation::completeWithResult(const Ref<VNTQResult>& result) {
+    if (isOver()) {
+        return;
+    }
+    const Ref<VNTQOperation> alive(this);
+    std::unique_lock lock(lock_);
+    if (isOver()) {
+        return;
+    }
+    if (executing_) {
+        announceExecutionEnd(&result);
+        lock.unlock();
+        invalidateTimerIfNeeded();
+        didFinishWithResult(result);
+        return;
+    }
+    // Completed before the start: nothing is announced but readiness, so that a queue starts the
+    // operation, which then announces the end and delivers.
+    finished_ = true;
+    result_.store(result);
+    if (!isReady()) {
+        willChangeValueForKey(operation_keys::isReady);
+        forcedReady_ = true;
+        didChangeValueForKey(operation_keys::isReady);
+    }
+}
+
+void VNTQOperation::cancel() {
+    if (isOver()) {
+        return;
+    }
+    const Ref<VNTQOperation> alive(this);
+    std::unique_lock lock(lock_);
+    if (isOver()) {
+        return;
+    }
+    NSOperation::cancel();
+    if (executing_) {
+        announceExecutionEnd(nullptr);
+        lock.unlock();
+        invalidateTimerIfNeeded();
+        didFinishWithResult(nullptr);
+    }
+}
+
+/// From executing to finished, under the lock; a cancelled operation has no result.
+void VNTQOperation::announceExecutionEnd(const Ref<VNTQResult>* result) {
+    willChangeValueForKey(operation_keys::isExecuting);
+    willChangeValueForKey(operation_keys::isFinished);
+    executing_ = false;
+    finished_ = true;
+    if (result != nullptr) {
+        result_.store(*result);
+    }
+    didChangeValueForKey(operation_keys::isExecuting);
+    didChangeValueForKey(operation_keys::isFinished);
+}
+
+void VNTQOperation::completeWithSuccess(const id& value) {
+    completeWithResult(VNTQResult::resultWithSuccess(value));
+}
+
+void VNTQOperation::completeWithSuccess() {
+    completeWithResult(VNTQResult::success());
+}
+
+void VNTQOperation::completeWithFailure(const id& error) {
+    completeWithResult(VNTQResult::resultWithFailure(error));
+}
+
+void VNTQOperation::completeWithFailure() {
+    completeWithResult(VNTQResult::failure());
+}
+
+void VNTQOperation::completeWithTimeout() {
+    if (isOver()) {
+        return;
+    }
+    const double elapsed = hasStarted() ? NSDate::now() - startDate_ : 0;
+    const auto reason =
+        NSString::stringWithFormat("Timeout waiting %1.1f seconds for completion"_ns, elapsed);
+    completeWithFailure(vntq_foundationErrorWithCode(
+        kTimeoutErrorCode, NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}})));
+}
+
+// Delivering.
+
+Ref<DispatchQueue> VNTQOperation::callbackQueue() const {
+    auto queue = resultQueue_.load();
+    if (queue != nullptr || explicitResultDispatch_) {
+        return queue;
+    }
+    queue = executionQueue_.load();
+    return queue != nullptr ? queue : DispatchQueue::global();
+}
+
+void VNTQOperation::didFinishWithResult(const Ref<VNTQResult>& result) {
+    auto callbacks = CallbackList::take(callbacks_, finished_);
+    if (callbacks.isEmpty()) {
+        return;
+    }
+    if (const auto queue = callbackQueue()) {
+        queue->async([callbacks = std::move(callbacks), result] {
+            callbacks.forEach([&](const NSBlock& one) { call(one, result.get()); });
+        });
+    } else {
+        callbacks.forEach([&](const NSBlock& one) { call(one, result.get()); });
+    }
+}
+
+Ref<VNTQOperation> VNTQOperation::onResult(ResultCallback callback) {
+    if (!callback) {
+        VNTQ_TRAP("VNTQOperation: an empty callback was registered");
+    }
+    std::unique_lock lock(lock_);
+    const bool waits = !isOver();
+    lock.unlock();
+    if (waits && CallbackList::append(callbacks_, callback.object())) {
+        return *this;
+    }
+    const auto result = result_.load();  // nil when cancelled
+    if (const auto queue = callbackQueue()) {
+        queue->async([callback = std::move(callback), result] { callback(result.get()); });
+    } else {
+        callback(result.get());
+    }
+    return *this;
+}
+
+Ref<VNTQOperation> VNTQOperation::onCompletion(Callback callback) {
+    if (!callback) {
+        VNTQ_TRAP("VNTQOperation: an empty callback was registered");
+    }
+    return onResult([callback = std::move(callback)](VNTQResult*) { callback(); });
+}
+
+Ref<VNTQOperation> VNTQOperation::onValue(ObjectCallback onValue, ObjectCallback orError) {
+    if (!onValue && !orError) {
+        return *this;
+    }
+    return onResult(
+        [onValue = std::move(onValue), orError = std::move(orError)](VNTQResult* result) {
+            if (result == nullptr) {
+                return;
+            }
+            if (result->type() == VNTQResultType::success && onValue) {
+                onValue(result->value().get());
+            } else if (result->type() == VNTQResultType::failure && orError) {
+                orError(result->error().get());
+            }
+        });
+}
+
+Ref<VNTQOperation> VNTQOperation::onValue(ObjectCallback callback) {
+    return onValue(std::move(callback), nullptr);
+}
+
+Ref<VNTQOperation> VNTQOperation::onError(ObjectCallback callback) {
+    return onValue(nullptr, std::move(callback));
+}
+
+Ref<VNTQOperation> VNTQOperation::onSuccess(Callback onSuccess, Callback orFailure) {
+    const auto ignoringPayload = [](Callback callback) -> ObjectCallback {
+        if (!callback) {
+            return nullptr;
+        }
+        return [callback = std::move(callback)](NSObject*) { callback(); };
+    };
+    return onValue(ignoringPayload(std::move(onSuccess)), ignoringPayload(std::move(orFailure)));
+}
+
+Ref<VNTQOperation> VNTQOperation::onSuccess(Callback callback) {
+    return onSuccess(std::move(callback), nullptr);
+}
+
+Ref<VNTQOperation> VNTQOperation::onFailure(Callback callback) {
+    return onSuccess(nullptr, std::move(callback));
+}
+
+namespace {
+
+using Operation = VNTQOperation;
+
+// These pick one of several functions of a name.
+template <class... A>
+using Member = void (Operation::*)(A...);
+template <class... A>
+using Registration = Ref<Operation> (Operation::*)(A...);
+
+constexpr PropertyInfo kProperties[] = {
+    property<&Operation::explicitResultDispatch, &Operation::setExplicitResultDispatch>(
+        "explicitResultDispatch"),
+    property<&Operation::executionQueue, &Operation::setExecutionQueue>("executionQueue"),
+    property<&Operation::result>("result"),
+    property<&Operation::resultQueue, &Operation::setResultQueue>("resultQueue"),
+    property<&Operation::timeoutDate, &Operation::setTimeoutDate>("timeoutDate"),
+    property<&Operation::timeoutInterval, &Operation::setTimeoutInterval>("timeoutInterval"),
+    property<&Operation::invalidateTimer, &Operation::setInvalidateTimer>("invalidateTimer"),
+    property<&Operation::timeRemaining>("timeRemaining"),
+};
+constexpr MethodInfo kMethods[] = {
+    method<&Operation::execute>("execute"),
+    method<&Operation::scheduleTimer>("scheduleTimer:"),
+    method<&Operation::invalidateTimerIfNeeded>("invalidateTimerIfNeeded"),
+    method<&Operation::completeWithTimeout>("completeWithTimeout"),
+    method<&Operation::completeWithResult>("completeWithResult:"),
+    method<static_cast<Member<const id&>>(&Operation::completeWithSuccess)>("completeWithSuccess:"),
+    method<static_cast<Member<>>(&Operation::completeWithSuccess)>("completeWithSuccess"),
+    method<static_cast<Member<const id&>>(&Operation::completeWithFailure)>("completeWithFailure:"),
+    method<static_cast<Member<>>(&Operation::completeWithFailure)>("completeWithFailure"),
+    method<&Operation::didFinishWithResult>("didFinishWithResult:"),
+    method<&Operation::onResult>("onResult:"),
+    method<&Operation::onCompletion>("onCompletion:"),
+    method<static_cast<Registration<Operation::ObjectCallback, Operation::ObjectCallback>>(
+        &Operation::onValue)>("onValue:orError:"),
+    method<static_cast<Registration<Operation::ObjectCallback>>(&Operation::onValue)>("onValue:"),
+    method<&Operation::onError>("onError:"),
+    method<static_cast<Registration<Operation::Callback, Operation::Callback>>(
+        &Operation::onSuccess)>("onSuccess:orFailure:"),
+    method<static_cast<Registration<Operation::Callback>>(&Operation::onSuccess)>("onSuccess:"),
+    method<&Operation::onFailure>("onFailure:"),
+};
+
+}  // namespace
+
+VNTQ_DEFINE_CLASS(VNTQOperation, {.properties = kProperties, .methods = kMethods})
+
+}  // namespace vantorq

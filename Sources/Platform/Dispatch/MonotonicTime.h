@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <ctime>
+#include <limits>
+
+namespace vantorq {
+
+/// Instants of `CLOCK_MONOTONIC` and lengths of time, both in nanoseconds. The greatest is "never".
+inline constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+inline constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+inline std::int64_t monotonicNow() noexcept {
+    timespec now;
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
+}
+
+/// `now + delay`, both not negative, held at "never".
+inline std::int64_t instantAfter(std::int64_t now, std::int64_t delay) noexcept {
+    std::int64_t sum;
+    return __builtin_add_overflow(now, delay, &sum) ? kNever : sum;
+}
+
+/// 0 for a negative number and NaN; held at "never".
+inline std::int64_t nanosecondsFromSeconds(double seconds) noexcept {
+    const double nanoseconds = seconds * static_cast<double>(kNanosecondsPerSecond);
+    if (!(nanoseconds > 0)) {
+        return 0;
+    }
+    return nanoseconds < 0x1p63 ? static_cast<std::int64_t>(nanoseconds) : kNever;
+}
+
+inline std::int64_t instantAfterSeconds(double seconds) noexcept {
+    return instantAfter(monotonicNow(), nanosecondsFromSeconds(seconds));
+}
+
+}  // namespace vantorq

@@ -1,0 +1,358 @@
+#include "ThreadPool.h"
+
+#include <algorithm>
+#include <ctime>
+#include <mutex>
+#include <pthread.h>
+#include <span>
+#include <thread>
+#include <utility>
+
+#include "CurrentQueue.h"
+#include "MonotonicTime.h"
+#include "PoolQueue.h"
+#include "Sources/Platform/Concurrency/Futex.h"
+#include "Sources/Platform/Concurrency/SpinPause.h"
+#include "Thread.h"
+
+namespace vantorq {
+
+namespace {
+
+constexpr std::size_t kMostThreads = 256;
+/// How long a parked thread stays.
+constexpr std::int64_t kIdleTime = kNanosecondsPerSecond;
+/// How often the monitor looks.
+constexpr std::int64_t kMonitorInterval = 5'000'000;
+/// A thread that has computed for less than this share of an interval is blocked.
+constexpr std::int64_t kBusyShare = 16;
+/// One batch in so many is taken from the least urgent lane.
+constexpr std::uint32_t kLowShare = 16;
+/// How often a searching thread looks before it parks, and how long it pauses in between: short
+/// enough to leave the processor to those who make the work, long enough to let some gather.
+constexpr int kLooks = 40;
+constexpr int kPausesBetweenLooks = 20;
+
+}  // namespace
+
+struct ThreadPool::Worker {
+    ThreadPool& pool;
+    WorkBatch batch;
+    std::size_t batchLane = kNoLane;        // of the owner alone
+    std::atomic<std::uint64_t> begun{0};    // pieces of work; counted by the owner
+    std::atomic<std::uint32_t> parking{0};  // 1 while parked
+
+    // Guarded by the pool's lock.
+    Worker* parkedBelow = nullptr;
+    bool hasThread = false;
+    bool isParked = false;
+    std::optional<clockid_t> cpuClock;
+    std::uint64_t begunBefore = 0;  // when the monitor looked last
+    std::int64_t cpuTimeBefore = 0;
+
+    explicit Worker(ThreadPool& owner) : pool(owner) {}
+};
+
+/// What the timer store calls the pool with.
+struct ThreadPool::Monitor : TimerEntry {
+    explicit Monitor(ThreadPool& watched) : pool(watched) {
+        take = [](TimerEntry& entry) {
+            return DueWork{
+                nullptr, &makeWork([&pool = static_cast<Monitor&>(entry).pool] { pool.watch(); })};
+        };
+    }
+
+    void start() {
+        const std::int64_t next = monotonicNow() + kMonitorInterval;
+        TimerStore::shared().arm(*this, next, next);
+    }
+
+    ThreadPool& pool;
+    std::int64_t lookedAt = 0;
+};
+
+ThreadPool& ThreadPool::shared() {
+    static ThreadPool& pool = *new ThreadPool;
+    return pool;
+}
+
+ThreadPool::ThreadPool()
+    : baseCount_(std::max<std::size_t>(std::thread::hardware_concurrency(), 1)),
+      allowed_(baseCount_),
+      monitor_(std::make_unique<Monitor>(*this)) {
+    workers_.reserve(kMostThreads);
+}
+
+void ThreadPool::submit(std::size_t lane, Work& work) {
+    FollowUp followUp;
+    {
+        const std::lock_guard guard(lock_);
+        lanes_[lane].push_back(&work);
+        ++queued_;
+        if (lane < mostUrgent_.load(std::memory_order_relaxed)) {
+            mostUrgent_.store(lane, std::memory_order_relaxed);
+        }
+        followUp = keepGoing();
+    }
+    carryOut(followUp);
+}
+
+/// Sees to it that work which waits is found. With the lock held.
+ThreadPool::FollowUp ThreadPool::keepGoing() {
+    FollowUp followUp;
+    if (searching_ > 0 || (active_ >= allowed_ && isMonitored_) || !isWorkWaiting()) {
+        return followUp;
+    }
+    if (active_ >= allowed_) {
+        isMonitored_ = true;
+        followUp.startsMonitor = true;
+        return followUp;
+    }
+    ++active_;
+    ++searching_;
+    if (parked_ != nullptr) {
+        followUp.wake = std::exchange(parked_, parked_->parkedBelow);
+        followUp.wake->isParked = false;
+    } else {
+        followUp.start = &idleSlot();
+        followUp.start->hasThread = true;
+    }
+    return followUp;
+}
+
+void ThreadPool::carryOut(const FollowUp& followUp) {
+    if (followUp.wake != nullptr) {
+        followUp.wake->parking.store(0, std::memory_order_release);
+        futexWakeOne(followUp.wake->parking);
+    } else if (followUp.start != nullptr) {
+        startWorker(*followUp.start);
+    } else if (followUp.startsMonitor) {
+        monitor_->start();
+    }
+}
+
+void ThreadPool::startWorker(Worker& worker) {
+    const auto body = [](void* context) {
+        auto& self = *static_cast<Worker*>(context);
+        self.pool.workerMain(self);
+    };
+    if (startThread("vntq-worker", body, &worker)) {
+        return;
+    }
+    // The monitor tries again.
+    bool startsMonitor;
+    {
+        const std::lock_guard guard(lock_);
+        --active_;
+        --searching_;
+        worker.hasThread = false;
+        startsMonitor = !std::exchange(isMonitored_, true);
+    }
+    if (startsMonitor) {
+        monitor_->start();
+    }
+}
+
+ThreadPool::Worker& ThreadPool::idleSlot() {
+    for (const auto& worker : workers_) {
+        if (!worker->hasThread) {
+            return *worker;
+        }
+    }
+    return *workers_.emplace_back(std::make_unique<Worker>(*this));
+}
+
+bool ThreadPool::isWorkWaiting() const noexcept {
+    return queued_ > 0 || std::ranges::any_of(workers_, [](const auto& worker) {
+               return !worker->batch.isEmpty();
+           });
+}
+
+void ThreadPool::workerMain(Worker& self) {
+    QueueFrame frame(nullptr);
+    std::unique_lock lock(lock_);
+    clockid_t clock;
+    self.cpuClock = ::pthread_getcpuclockid(::pthread_self(), &clock) == 0 ? std::optional(clock)
+                                                                           : std::nullopt;
+    for (Work* work = search(self, lock); work != nullptr; work = next(self)) {
+        auto& queue = static_cast<PoolQueue&>(*work->queue);
+        frame.setQueue(&queue);
+        self.begun.store(self.begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+        runAndRecycle(*work);
+        queue.workEnded();
+    }
+}
+
+/// The next piece of work; null when the thread is to end.
+Work* ThreadPool::next(Worker& self) {
+    if (self.batchLane <= mostUrgent_.load(std::memory_order_relaxed)) {
+        if (Work* work = self.batch.claim()) {
+            return work;
+        }
+    }
+    std::unique_lock lock(lock_);
+    ++searching_;
+    return search(self, lock);
+}
+
+/// The same for a thread that is counted as searching; with the lock, which it releases.
+Work* ThreadPool::search(Worker& self, std::unique_lock<UnfairLock>& lock) {
+    do {
+        Work* work = nullptr;
+        if (active_ <= allowed_) {
+            work = take(self);
+            if (work == nullptr) {
+                lock.unlock();
+                awaitWork();
+                lock.lock();
+                work = take(self);
+            }
+        }
+        if (work != nullptr) {
+            --searching_;
+            const FollowUp followUp = keepGoing();
+            lock.unlock();
+            carryOut(followUp);
+            return work;
+        }
+    } while (park(self, lock));
+    return nullptr;
+}
+
+/// Spins until there is work in a lane, for a moment at most.
+void ThreadPool::awaitWork() const noexcept {
+    for (int look = 0; look < kLooks; ++look) {
+        if (mostUrgent_.load(std::memory_order_relaxed) != kNoLane) {
+            return;
+        }
+        for (int pause = 0; pause < kPausesBetweenLooks; ++pause) {
+            spinPause();
+        }
+    }
+}
+
+/// A piece of work to run now; more of the kind goes into the thread's batch if that is empty.
+Work* ThreadPool::take(Worker& self) {
+    if (queued_ == 0) {
+        return steal(self);
+    }
+    const std::size_t lane = chooseLane();
+    std::deque<Work*>& line = lanes_[lane];
+    Work* const first = line.front();
+    std::size_t count = 1;
+    if (self.batch.isEmpty()) {
+        const std::size_t share = (line.size() + allowed_ - 1) / allowed_;
+        count = std::min(share, WorkBatch::kCapacity);
+        self.batch.fill(line.begin() + 1, count - 1);
+        self.batchLane = lane;
+    }
+    line.erase(line.begin(), line.begin() + static_cast<std::ptrdiff_t>(count));
+    queued_ -= count;
+    const auto waiting = std::ranges::find_if_not(lanes_, &std::deque<Work*>::empty);
+    mostUrgent_.store(static_cast<std::size_t>(waiting - lanes_.begin()),
+                      std::memory_order_relaxed);
+    return first;
+}
+
+/// The most urgent lane with work, but the least urgent one from time to time.
+std::size_t ThreadPool::chooseLane() noexcept {
+    if (++takes_ % kLowShare != 0) {
+        return mostUrgent_.load(std::memory_order_relaxed);
+    }
+    std::size_t lane = kLaneCount - 1;
+    while (lanes_[lane].empty()) {
+        --lane;
+    }
+    return lane;
+}
+
+Work* ThreadPool::steal(Worker& self) {
+    std::array<Work*, WorkBatch::kCapacity> loot;
+    const std::size_t most = self.batch.isEmpty() ? loot.size() : 1;
+    for (const auto& victim : workers_) {
+        const std::size_t count = victim->batch.claim(std::span(loot.data(), most));
+        if (count > 0) {
+            if (count > 1) {
+                self.batch.fill(loot.begin() + 1, count - 1);
+                self.batchLane = victim->batchLane;
+            }
+            return loot[0];
+        }
+    }
+    return nullptr;
+}
+
+/// Waits until somebody wakes the thread, and counts it as searching; false when it is to end. With
+/// the lock, which is released in the latter case.
+bool ThreadPool::park(Worker& self, std::unique_lock<UnfairLock>& lock) {
+    --searching_;
+    --active_;
+    self.isParked = true;
+    self.parkedBelow = std::exchange(parked_, &self);
+    self.parking.store(1, std::memory_order_relaxed);
+    const FollowUp followUp = keepGoing();
+    lock.unlock();
+    carryOut(followUp);
+
+    const std::int64_t end = monotonicNow() + kIdleTime;
+    while (self.parking.load(std::memory_order_acquire) == 1 && monotonicNow() < end) {
+        futexWait(self.parking, 1, end);
+    }
+    lock.lock();
+    if (!self.isParked) {
+        return true;
+    }
+    Worker** link = &parked_;
+    while (*link != &self) {
+        link = &(*link)->parkedBelow;
+    }
+    *link = self.parkedBelow;
+    self.isParked = false;
+    self.hasThread = false;
+    lock.unlock();
+    return false;
+}
+
+/// The monitor's look: allows as many threads as the machine runs at a time, beside those that are
+/// blocked. When all are, it allows half as many again, since those to come may well block too.
+void ThreadPool::watch() {
+    FollowUp followUp;
+    {
+        const std::lock_guard guard(lock_);
+        if (!isWorkWaiting()) {
+            isMonitored_ = false;
+            allowed_ = baseCount_;
+            return;
+        }
+        const std::size_t blocked = countBlocked();
+        const std::size_t extra = blocked == active_ ? blocked / 2 : 0;
+        allowed_ = std::min(baseCount_ + blocked + extra, kMostThreads);
+        followUp = keepGoing();
+    }
+    carryOut(followUp);
+    monitor_->start();
+}
+
+/// How many threads are busy with the same piece of work as at the last look and have hardly
+/// computed since.
+std::size_t ThreadPool::countBlocked() {
+    const std::int64_t now = monotonicNow();
+    const std::int64_t busyTime = (now - std::exchange(monitor_->lookedAt, now)) / kBusyShare;
+    std::size_t blocked = 0;
+    for (const auto& worker : workers_) {
+        timespec used;
+        if (!worker->hasThread || worker->isParked || !worker->cpuClock ||
+            ::clock_gettime(*worker->cpuClock, &used) != 0) {
+            continue;
+        }
+        const std::int64_t cpuTime = used.tv_sec * kNanosecondsPerSecond + used.tv_nsec;
+        const std::uint64_t begun = worker->begun.load(std::memory_order_relaxed);
+        const std::int64_t computed = cpuTime - std::exchange(worker->cpuTimeBefore, cpuTime);
+        if (begun == std::exchange(worker->begunBefore, begun) && computed < busyTime) {
+            ++blocked;
+        }
+    }
+    return blocked;
+}
+
+}  // namespace vantorq

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "TimerStore.h"
+#include "VantorqFoundation/Platform/UnfairLock.h"
+#include "Work.h"
+#include "WorkBatch.h"
+
+namespace vantorq {
+
+/// The threads that run the work of all queues but the main one.
+///
+/// Work waits in one line for each quality of service. A thread takes a fair share of a line at
+/// once, a batch, and works it off; more urgent work is taken in between, piece by piece, and idle
+/// threads take from the batches of others. A thread that finds nothing looks around for a moment
+/// ("searches"), then parks, and ends when it was parked for a second.
+///
+/// Giving work wakes or starts a thread only when nobody is searching, and a thread that stops
+/// searching because it has found work passes that on. So at all times, while work has not been
+/// begun, somebody searches, or as many threads are active as are allowed. In the latter case a
+/// monitor looks every few milliseconds whether active threads are blocked, and allows as many
+/// more.
+///
+/// Threads: any.
+class ThreadPool {
+public:
+    static constexpr std::size_t kLaneCount = 5;
+
+    static ThreadPool& shared();
+
+    /// Lane 0 is the most urgent. The work's `queue` has to be set.
+    void submit(std::size_t lane, Work& work);
+
+private:
+    struct Worker;
+    struct Monitor;
+    /// What is left to do once the lock is released.
+    struct FollowUp {
+        Worker* wake = nullptr;
+        Worker* start = nullptr;
+        bool startsMonitor = false;
+    };
+
+    ThreadPool();
+
+    void workerMain(Worker& self);
+    Work* next(Worker& self);
+    Work* search(Worker& self, std::unique_lock<UnfairLock>& lock);
+    void awaitWork() const noexcept;
+    Work* take(Worker& self);
+    Work* steal(Worker& self);
+    std::size_t chooseLane() noexcept;
+    bool park(Worker& self, std::unique_lock<UnfairLock>& lock);
+    FollowUp keepGoing();
+    void carryOut(const FollowUp& followUp);
+    void startWorker(Worker& worker);
+    Worker& idleSlot();
+    bool isWorkWaiting() const noexcept;
+    void watch();
+    std::size_t countBlocked();
+
+    static constexpr std::size_t kNoLane = kLaneCount;
+
+    const std::size_t baseCount_;
+    alignas(64) UnfairLock lock_;                   // guards what follows, atomics for writing
+    std::atomic<std::size_t> mostUrgent_{kNoLane};  // the first lane with work
+    std::array<std::deque<Work*>, kLaneCount> lanes_;
+    std::size_t queued_ = 0;     // in all lanes
+    std::size_t searching_ = 0;  // active threads that look for work
+    std::size_t active_ = 0;     // threads that are not parked
+    std::size_t allowed_;        // how many may be active
+    bool isMonitored_ = false;
+    std::uint32_t takes_ = 0;
+    Worker* parked_ = nullptr;  // the one that parked last
+    std::vector<std::unique_ptr<Worker>> workers_;
+    std::unique_ptr<Monitor> monitor_;
+};
+
+}  // namespace vantorq

@@ -1,0 +1,34 @@
+#include "VantorqFoundation/Platform/Trap.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstring>
+
+extern "C" {
+const char* vntq_crash_text = nullptr;
+}
+
+namespace vantorq {
+
+void trap(const char* text) noexcept {
+    const char* none = nullptr;
+    std::atomic_ref(vntq_crash_text).compare_exchange_strong(none, text);
+    __builtin_trap();
+}
+
+void trap(std::initializer_list<std::string_view> pieces) noexcept {
+    static constinit std::atomic_flag taken;
+    static constinit char text[1024] = {};
+    if (taken.test_and_set()) {
+        trap("another thread has trapped");
+    }
+    std::size_t used = 0;
+    for (const std::string_view piece : pieces) {
+        const std::size_t count = std::min(piece.size(), sizeof text - 1 - used);
+        std::memcpy(text + used, piece.data(), count);
+        used += count;
+    }
+    trap(text);
+}
+
+}  // namespace vantorq

@@ -1,0 +1,1026 @@
+#include "VantorqFoundation/VNTQOperation.h"
+
+#include <atomic>
+#include <cmath>
+#include <latch>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Support/Operations.h"
+#include "Support/Trap.h"
+
+namespace vantorq {
+namespace {
+
+using test::ChangeLog;
+using test::inlineOperation;
+using test::ProbeOperation;
+using test::secondsUntil;
+using Log = std::vector<std::string>;
+
+constexpr double kInfinity = std::numeric_limits<double>::infinity();
+constexpr double kNotANumber = std::numeric_limits<double>::quiet_NaN();
+
+Ref<ChangeLog> observeAll(VNTQOperation& operation) {
+    auto log = make<ChangeLog>();
+    log->observe(operation,
+                 {operation_keys::isExecuting, operation_keys::isFinished, operation_keys::isReady,
+                  operation_keys::isCancelled},
+                 KeyValueObservingOptions::prior);
+    return log;
+}
+
+const NSError* errorOf(const VNTQOperation& operation) {
+    return operation.result() != nullptr ? objectCast<NSError>(operation.result()->error().get())
+                                         : nullptr;
+}
+
+bool isTimeout(const VNTQOperation& operation) {
+    const NSError* error = errorOf(operation);
+    return error != nullptr && error->domain()->isEqualToString(&VNTQFoundationErrorDomain) &&
+           error->code() == 1;
+}
+
+/// Runs what is queued on a serial queue so far.
+void drain(const Ref<DispatchQueue>& queue) {
+    queue->sync([] {});
+}
+
+// Defaults and configuration.
+
+TEST(Operation, StartsOutPendingWithoutAnyDeadline) {
+    const auto operation = make<VNTQOperation>();
+    EXPECT_FALSE(operation->isExecuting());
+    EXPECT_FALSE(operation->isFinished());
+    EXPECT_FALSE(operation->isCancelled());
+    EXPECT_TRUE(operation->isReady());
+    EXPECT_TRUE(operation->isAsynchronous());
+    EXPECT_FALSE(operation->explicitResultDispatch());
+    EXPECT_EQ(operation->executionQueue(), nullptr);
+    EXPECT_EQ(operation->resultQueue(), nullptr);
+    EXPECT_EQ(operation->result(), nullptr);
+    EXPECT_EQ(operation->timeoutDate(), nullptr);
+    EXPECT_EQ(operation->timeoutInterval(), 0);
+    EXPECT_FALSE(operation->invalidateTimer());
+    EXPECT_EQ(operation->timeRemaining(), kInfinity);
+}
+
+TEST(Operation, KeepsTheDateThatItIsGiven) {
+    const auto operation = make<VNTQOperation>();
+    const auto date = NSDate::dateWithTimeIntervalSinceNow(60);
+    operation->setTimeoutDate(date);
+    EXPECT_EQ(operation->timeoutDate(), date);
+}
+
+// Starting.
+
+TEST(OperationStart, RunsMainOnTheCallingThreadWithoutAnExecutionQueue) {
+    std::thread::id thread;
+    const auto operation =
+        inlineOperation([&](ProbeOperation*) { thread = std::this_thread::get_id(); });
+    operation->start();
+    EXPECT_EQ(thread, std::this_thread::get_id());
+    EXPECT_TRUE(operation->isExecuting());
+}
+
+TEST(OperationStart, RunsMainOnTheExecutionQueue) {
+    const auto queue = DispatchQueue::serial("test.execution");
+    const DispatchQueue* current = nullptr;
+    const auto operation =
+        make<ProbeOperation>([&](ProbeOperation*) { current = DispatchQueue::current(); });
+    operation->setExecutionQueue(queue);
+    operation->start();
+    drain(queue);
+    EXPECT_EQ(current, queue.get());
+}
+
+TEST(OperationStart, KeepsTheOperationAliveUntilItsQueueHasRunIt) {
+    const auto queue = DispatchQueue::serial("test.alive");
+    std::latch hold(1);
+    queue->async([&] { hold.wait(); });
+    std::atomic<int> runs = 0;
+    {
+        auto operation = make<ProbeOperation>([&](ProbeOperation*) { ++runs; });
+        operation->setExecutionQueue(queue);
+        operation->start();
+    }
+    hold.count_down();
+    drain(queue);
+    EXPECT_EQ(runs, 1);
+}
+
+TEST(OperationStart, DoesNothingTheSecondTime) {
+    const auto operation = inlineOperation();
+    operation->start();
+    const auto log = observeAll(*operation);
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 1);
+    EXPECT_EQ(log->entries, Log());
+    operation->completeWithSuccess();
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 1);
+}
+
+TEST(OperationStart, FromTwoThreadsRunsMainOnce) {
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<int> runs = 0;
+        const auto operation = inlineOperation([&](ProbeOperation*) { ++runs; });
+        std::latch ready(2);
+        const auto start = [&] {
+            ready.arrive_and_wait();
+            operation->start();
+        };
+        std::thread other(start);
+        start();
+        other.join();
+        EXPECT_EQ(runs, 1);
+    }
+}
+
+TEST(OperationStart, AnnouncesExecutingAroundTheFlag) {
+    const auto operation = inlineOperation();
+    const auto log = observeAll(*operation);
+    operation->start();
+    EXPECT_EQ(log->entries, (Log{"will isExecuting", "did isExecuting"}));
+}
+
+TEST(OperationStart, IgnoresUnfinishedDependenciesWhenDoneByHand) {
+    const auto dependency = make<VNTQOperation>();
+    const auto operation = inlineOperation();
+    operation->addDependency(*dependency);
+    EXPECT_FALSE(operation->isReady());
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 1);
+}
+
+// Deadlines.
+
+TEST(OperationDeadline, IsTheStartPlusTheInterval) {
+    const auto operation = inlineOperation();
+    operation->armsTimer = false;
+    operation->setTimeoutInterval(5);
+    EXPECT_EQ(operation->timeRemaining(), 5);
+    operation->start();
+    EXPECT_NEAR(secondsUntil(operation->timeoutDate()), 5, 1);
+    EXPECT_NEAR(operation->timeRemaining(), 5, 1);
+}
+
+TEST(OperationDeadline, StaysWhereADateLiesFurtherAhead) {
+    const auto operation = inlineOperation();
+    operation->armsTimer = false;
+    operation->setTimeoutInterval(5);
+    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(60));
+    operation->start();
+    EXPECT_NEAR(secondsUntil(operation->timeoutDate()), 60, 1);
+}
+
+TEST(OperationDeadline, MovesToTheIntervalWhereADateIsNearer) {
+    const auto operation = inlineOperation();
+    operation->armsTimer = false;
+    operation->setTimeoutInterval(5);
+    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(1));
+    operation->start();
+    EXPECT_NEAR(secondsUntil(operation->timeoutDate()), 5, 1);
+}
+
+TEST(OperationDeadline, IsTheDateAloneWithoutAnInterval) {
+    for (const double interval : {0.0, -3.0, -kInfinity, kNotANumber}) {
+        const auto operation = inlineOperation();
+        operation->armsTimer = false;
+        const auto date = NSDate::dateWithTimeIntervalSinceNow(60);
+        operation->setTimeoutDate(date);
+        operation->setTimeoutInterval(interval);
+        operation->start();
+        EXPECT_EQ(operation->timeoutDate(), date) << interval;
+    }
+}
+
+TEST(OperationDeadline, IsNoneForAnIntervalThatIsNoneOrNotANumber) {
+    for (const double interval : {0.0, -3.0, -kInfinity, kNotANumber}) {
+        const auto operation = inlineOperation();
+        operation->setTimeoutInterval(interval);
+        operation->start();
+        EXPECT_EQ(operation->timeoutDate(), nullptr) << interval;
+        EXPECT_EQ(operation->timeRemaining(), kInfinity) << interval;
+        EXPECT_TRUE(operation->scheduledSeconds.empty()) << interval;
+        EXPECT_TRUE(operation->isExecuting()) << interval;
+        operation->completeWithSuccess();
+        EXPECT_EQ(operation->timeRemaining(), 0) << interval;
+    }
+}
+
+TEST(OperationDeadline, ArmsNoTimerWhenItIsInfinitelyFar) {
+    const auto operation = inlineOperation();
+    operation->setTimeoutInterval(kInfinity);
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 1);
+    EXPECT_TRUE(operation->scheduledSeconds.empty());
+    EXPECT_EQ(operation->timeRemaining(), kInfinity);
+}
+
+TEST(OperationDeadline, ThatIsNotANumberFailsTheOperationBeforeMain) {
+    const auto operation = inlineOperation();
+    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceReferenceDate(kNotANumber));
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_TRUE(isTimeout(*operation));
+}
+
+TEST(OperationDeadline, InThePastFailsTheOperationBeforeMain) {
+    const auto operation = inlineOperation();
+    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(-1));
+    EXPECT_EQ(operation->timeRemaining(), 0);
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_TRUE(isTimeout(*operation));
+}
+
+TEST(OperationDeadline, ThatPassesWhileMainRunsIsReportedAsSoonAsMainReturns) {
+    const auto operation = inlineOperation([](ProbeOperation* self) {
+        self->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(-1));
+        EXPECT_FALSE(self->isFinished());
+    });
+    operation->setTimeoutInterval(100);
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 1);
+    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_TRUE(operation->scheduledSeconds.empty());
+}
+
+TEST(OperationDeadline, IsArmedOnlyAfterMainHasReturned) {
+    const auto operation = inlineOperation([](ProbeOperation* self) {
+        EXPECT_TRUE(self->scheduledSeconds.empty());
+        EXPECT_FALSE(self->invalidateTimer());
+    });
+    operation->setTimeoutInterval(100);
+    operation->start();
+    ASSERT_EQ(operation->scheduledSeconds.size(), 1U);
+    EXPECT_NEAR(operation->scheduledSeconds[0], 100, 1);
+    EXPECT_TRUE(operation->invalidateTimer());
+    operation->cancel();
+}
+
+TEST(OperationDeadline, IsNotArmedWhenMainHasCompletedTheOperation) {
+    const auto operation =
+        inlineOperation([](ProbeOperation* self) { self->completeWithSuccess(); });
+    operation->setTimeoutInterval(100);
+    operation->start();
+    EXPECT_TRUE(operation->scheduledSeconds.empty());
+}
+
+TEST(OperationDeadline, IsMeasuredFromTheStartAndNotFromTheArming) {
+    const auto operation = inlineOperation([](ProbeOperation* self) {
+        self->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(40));
+    });
+    operation->setTimeoutInterval(100);
+    operation->start();
+    ASSERT_EQ(operation->scheduledSeconds.size(), 1U);
+    EXPECT_NEAR(operation->scheduledSeconds[0], 40, 1);
+    operation->cancel();
+}
+
+TEST(OperationDeadline, DisarmsAnOlderTimerBeforeItArmsItsOwn) {
+    int disarmed = 0;
+    const auto operation = inlineOperation(
+        [&](ProbeOperation* self) { self->setInvalidateTimer([&] { ++disarmed; }); });
+    operation->armsTimer = false;
+    operation->setTimeoutInterval(100);
+    operation->start();
+    EXPECT_EQ(disarmed, 1);
+    EXPECT_FALSE(operation->invalidateTimer());
+}
+
+// The timer.
+
+TEST(OperationTimeout, CompletesWithTheTimeoutError) {
+    std::latch delivered(1);
+    const auto operation = make<ProbeOperation>();
+    operation->setTimeoutInterval(0.02);
+    operation->onError([&](NSObject* error) {
+        EXPECT_EQ(objectCast<NSError>(error)->code(), 1);
+        delivered.count_down();
+    });
+    operation->start();
+    delivered.wait();
+    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_FALSE(operation->invalidateTimer());
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_FALSE(operation->isCancelled());
+    EXPECT_EQ(errorOf(*operation)->localizedFailureReason()->utf8(),
+              "Timeout waiting 0.0 seconds for completion");
+    EXPECT_EQ(errorOf(*operation)->userInfo()->count(), 1U);
+}
+
+TEST(OperationTimeout, FiresOnTheExecutionQueue) {
+    const auto queue = DispatchQueue::serial("test.timer");
+    std::latch delivered(1);
+    const DispatchQueue* current = nullptr;
+    const auto operation = inlineOperation();
+    operation->setExecutionQueue(queue);
+    operation->setTimeoutInterval(0.01);
+    operation->onCompletion([&] {
+        current = DispatchQueue::current();
+        delivered.count_down();
+    });
+    operation->start();
+    delivered.wait();
+    EXPECT_EQ(current, queue.get());
+}
+
+TEST(OperationTimeout, DoesNotKeepTheOperationAlive) {
+    Weak<ProbeOperation> weak;
+    {
+        const auto operation = inlineOperation();
+        operation->setTimeoutInterval(1000);
+        operation->start();
+        weak = Weak<ProbeOperation>(operation);
+        EXPECT_NE(weak.load(), nullptr);
+    }
+    EXPECT_EQ(weak.load(), nullptr);
+}
+
+TEST(OperationTimeout, MayFireWhileTheOperationIsReleased) {
+    for (int round = 0; round < 300; ++round) {
+        const auto operation = inlineOperation();
+        operation->setTimeoutInterval(0.0001 * (round % 5));
+        operation->start();
+    }
+    EXPECT_TRUE(test::eventually([] { return ProbeOperation::liveCount == 0; }));
+}
+
+TEST(OperationTimeout, TextCountsFromTheStartWithOneDecimal) {
+    EXPECT_EQ(
+        NSString::stringWithFormat("Timeout waiting %1.1f seconds for completion"_ns, 2.04)->utf8(),
+        "Timeout waiting 2.0 seconds for completion");
+    const auto operation = inlineOperation();
+    operation->start();
+    operation->completeWithTimeout();
+    EXPECT_EQ(errorOf(*operation)->localizedFailureReason()->utf8(),
+              "Timeout waiting 0.0 seconds for completion");
+}
+
+TEST(OperationTimeout, IsIgnoredOnceFinishedOrCancelled) {
+    const auto finished = inlineOperation();
+    finished->start();
+    finished->completeWithSuccess();
+    finished->completeWithTimeout();
+    EXPECT_EQ(finished->result(), VNTQResult::success());
+    const auto cancelled = inlineOperation();
+    cancelled->cancel();
+    cancelled->completeWithTimeout();
+    EXPECT_EQ(cancelled->result(), nullptr);
+}
+
+TEST(OperationTimeout, OfAPendingOperationCompletesItBeforeItsStart) {
+    const auto operation = inlineOperation();
+    operation->completeWithTimeout();
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_EQ(errorOf(*operation)->localizedFailureReason()->utf8(),
+              "Timeout waiting 0.0 seconds for completion");
+}
+
+TEST(OperationTimer, IsDisarmedByTheActionThatIsStored) {
+    int disarmed = 0;
+    const auto operation = inlineOperation();
+    operation->setInvalidateTimer([&] {
+        ++disarmed;
+        EXPECT_FALSE(operation->invalidateTimer());  // cleared before the action runs
+    });
+    operation->invalidateTimerIfNeeded();
+    operation->invalidateTimerIfNeeded();
+    EXPECT_EQ(disarmed, 1);
+}
+
+TEST(OperationTimer, IsDisarmedAtTheEndBeforeTheDelivery) {
+    Log order;
+    const auto operation = inlineOperation();
+    operation->start();
+    operation->setInvalidateTimer([&] { order.push_back("disarmed"); });
+    operation->onCompletion([&] { order.push_back("delivered"); });
+    operation->completeWithSuccess();
+    EXPECT_EQ(order, (Log{"disarmed", "delivered"}));
+}
+
+TEST(OperationTimer, BadDelaysFireAtOnceOrNever) {
+    for (const double seconds : {0.0, -1.0, kNotANumber}) {
+        std::latch delivered(1);
+        const auto operation = make<VNTQOperation>();
+        operation->start();
+        operation->onCompletion([&] { delivered.count_down(); });
+        operation->scheduleTimer(seconds);
+        delivered.wait();
+        EXPECT_TRUE(isTimeout(*operation));
+    }
+    const auto operation = make<VNTQOperation>();
+    operation->start();
+    operation->scheduleTimer(kInfinity);
+    EXPECT_TRUE(operation->invalidateTimer());
+    operation->cancel();
+}
+
+// Completing.
+
+TEST(OperationCompletion, AnnouncesBothKeysTogetherAndStoresTheResultBetween) {
+    const auto operation = inlineOperation();
+    operation->start();
+    const auto log = observeAll(*operation);
+    const auto result = VNTQResult::resultWithSuccess("value"_ns);
+    operation->completeWithResult(result);
+    EXPECT_EQ(log->entries,
+              (Log{"will isExecuting", "will isFinished", "did isExecuting", "did isFinished"}));
+    EXPECT_EQ(operation->result(), result);
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_FALSE(operation->isExecuting());
+}
+
+TEST(OperationCompletion, HasItsForms) {
+    const auto complete = [](auto act) {
+        const auto operation = inlineOperation();
+        operation->start();
+        act(*operation);
+        return operation->result();
+    };
+    const id payload("payload"_ns);
+    const auto success = complete([&](auto& o) { o.completeWithSuccess(payload); });
+    EXPECT_EQ(success->type(), VNTQResultTypeSuccess);
+    EXPECT_EQ(success->value(), payload);
+    const auto failure = complete([&](auto& o) { o.completeWithFailure(payload); });
+    EXPECT_EQ(failure->type(), VNTQResultTypeFailure);
+    EXPECT_EQ(failure->error(), payload);
+    EXPECT_EQ(complete([](auto& o) { o.completeWithSuccess(); }), VNTQResult::success());
+    EXPECT_EQ(complete([](auto& o) { o.completeWithFailure(); }), VNTQResult::failure());
+}
+
+TEST(OperationCompletion, CountsOnceAndIgnoresWhatFollows) {
+    const auto operation = inlineOperation();
+    int deliveries = 0;
+    operation->onCompletion([&] { ++deliveries; });
+    operation->start();
+    operation->completeWithSuccess();
+    const auto log = observeAll(*operation);
+    operation->completeWithFailure();
+    operation->completeWithTimeout();
+    operation->cancel();
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+    EXPECT_FALSE(operation->isCancelled());
+    EXPECT_EQ(log->entries, Log());
+    EXPECT_EQ(deliveries, 1);
+}
+
+TEST(OperationCompletion, WithNilFinishesWithoutAResult) {
+    const auto operation = inlineOperation();
+    bool deliveredNil = false;
+    operation->onResult([&](VNTQResult* result) { deliveredNil = result == nullptr; });
+    operation->start();
+    operation->completeWithResult(nullptr);
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_TRUE(deliveredNil);
+}
+
+TEST(OperationCompletion, FromAnObserverOnTheSameThreadIsAllowedByTheRecursiveLock) {
+    class Completer : public NSObject {
+    public:
+        void observeValueForKeyPath(const NSString&, NSObject& object, const KeyValueChange&,
+                                    void*) override {
+            static_cast<VNTQOperation&>(object).completeWithSuccess();
+        }
+    };
+    const auto completer = make<Completer>();
+    const auto operation = inlineOperation();
+    operation->addObserver(*completer, operation_keys::isExecuting);
+    operation->start();
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+    EXPECT_EQ(operation->mainCalls, 0);
+}
+
+// Completing before the start.
+
+TEST(PreCompletedOperation, IsFinishedSilently) {
+    const auto operation = inlineOperation();
+    const auto log = observeAll(*operation);
+    int deliveries = 0;
+    operation->onCompletion([&] { ++deliveries; });
+    operation->completeWithSuccess("value"_ns);
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(operation->result()->value(), id("value"_ns));
+    EXPECT_EQ(log->entries, Log());  // it was ready, so not even that is announced
+    EXPECT_EQ(deliveries, 0);
+}
+
+TEST(PreCompletedOperation, AnnouncesItsEndAndDeliversWhenStarted) {
+    const auto operation = inlineOperation();
+    id delivered;
+    operation->onValue([&](NSObject* value) { delivered = id(value); });
+    operation->completeWithSuccess("value"_ns);
+    const auto log = observeAll(*operation);
+    operation->start();
+    EXPECT_EQ(log->entries, (Log{"will isFinished", "did isFinished"}));
+    EXPECT_EQ(delivered, id("value"_ns));
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_FALSE(operation->isExecuting());
+}
+
+TEST(PreCompletedOperation, BecomesReadyAheadOfItsDependencies) {
+    const auto dependency = make<VNTQOperation>();
+    const auto operation = inlineOperation();
+    operation->addDependency(*dependency);
+    const auto log = observeAll(*operation);
+    operation->completeWithSuccess("value"_ns);
+    EXPECT_EQ(log->entries, (Log{"will isReady", "did isReady"}));
+    EXPECT_TRUE(operation->isReady());
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_TRUE(operation->isFinished());
+}
+
+TEST(PreCompletedOperation, IgnoresFurtherCompletionsAndCancellation) {
+    const auto operation = inlineOperation();
+    operation->completeWithSuccess();
+    operation->completeWithFailure();
+    operation->completeWithTimeout();
+    operation->cancel();
+    EXPECT_FALSE(operation->isCancelled());
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+}
+
+TEST(PreCompletedOperation, PassesThroughAQueueAheadOfItsDependencies) {
+    const auto queue = make<NSOperationQueue>();
+    const auto dependency = make<VNTQOperation>();
+    const auto operation = make<ProbeOperation>();
+    operation->addDependency(*dependency);
+    std::latch delivered(1);
+    operation->onSuccess([&] { delivered.count_down(); });
+    queue->addOperation(*operation);
+    operation->completeWithSuccess();
+    delivered.wait();
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(operation->mainCalls, 0);
+}
+
+TEST(PreCompletedOperation, PassesThroughAQueueWhenCompletedBeforeItWasAdded) {
+    const auto queue = make<NSOperationQueue>();
+    const auto operation = make<ProbeOperation>();
+    operation->completeWithSuccess();
+    queue->addOperation(*operation);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+}
+
+// Cancelling.
+
+TEST(OperationCancel, OfAnExecutingOneEndsItWithNil) {
+    const auto operation = inlineOperation();
+    int nils = 0;
+    int values = 0;
+    operation->onResult([&](VNTQResult* result) { nils += result == nullptr ? 1 : 0; });
+    operation->onCompletion([&] { ++nils; });
+    operation->onValue([&](NSObject*) { ++values; }, [&](NSObject*) { ++values; });
+    operation->onSuccess([&] { ++values; }, [&] { ++values; });
+    operation->start();
+    const auto log = observeAll(*operation);
+    operation->cancel();
+    EXPECT_EQ(log->entries, (Log{"will isCancelled", "did isCancelled", "will isExecuting",
+                                 "will isFinished", "did isExecuting", "did isFinished"}));
+    EXPECT_TRUE(operation->isCancelled());
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(operation->result(), nullptr);
+    EXPECT_EQ(nils, 2);
+    EXPECT_EQ(values, 0);
+}
+
+TEST(OperationCancel, BeforeTheStartOnlyMarksTheOperation) {
+    const auto operation = inlineOperation();
+    int deliveries = 0;
+    operation->onCompletion([&] { ++deliveries; });
+    operation->cancel();
+    EXPECT_TRUE(operation->isCancelled());
+    EXPECT_FALSE(operation->isFinished());
+    EXPECT_EQ(deliveries, 0);
+    const auto log = observeAll(*operation);
+    operation->completeWithSuccess();
+    operation->cancel();
+    EXPECT_EQ(log->entries, Log());
+    operation->start();
+    EXPECT_EQ(log->entries, (Log{"will isFinished", "did isFinished"}));
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_EQ(operation->result(), nullptr);
+    EXPECT_EQ(deliveries, 1);
+}
+
+TEST(OperationCancel, MakesAPendingOperationReady) {
+    const auto dependency = make<VNTQOperation>();
+    const auto operation = inlineOperation();
+    operation->addDependency(*dependency);
+    operation->cancel();
+    EXPECT_TRUE(operation->isReady());
+}
+
+TEST(OperationCancel, DisarmsTheTimer) {
+    const auto operation = inlineOperation();
+    operation->setTimeoutInterval(1000);
+    operation->start();
+    EXPECT_TRUE(operation->invalidateTimer());
+    operation->cancel();
+    EXPECT_FALSE(operation->invalidateTimer());
+}
+
+TEST(OperationCancel, WhileMainRunsSkipsTheTimer) {
+    const auto operation = inlineOperation([](ProbeOperation* self) { self->cancel(); });
+    operation->setTimeoutInterval(1000);
+    operation->start();
+    EXPECT_TRUE(operation->scheduledSeconds.empty());
+    EXPECT_TRUE(operation->isFinished());
+}
+
+TEST(OperationCancel, BeforeTheExecutionQueueGetsToItSkipsMain) {
+    const auto queue = DispatchQueue::serial("test.cancel");
+    std::latch hold(1);
+    queue->async([&] { hold.wait(); });
+    const auto operation = make<ProbeOperation>();
+    operation->setExecutionQueue(queue);
+    operation->start();
+    operation->cancel();
+    hold.count_down();
+    drain(queue);
+    EXPECT_EQ(operation->mainCalls, 0);
+}
+
+TEST(OperationCancel, InAQueueFinishesTheOperation) {
+    const auto queue = make<NSOperationQueue>();
+    queue->setSuspended(true);
+    const auto operation = make<ProbeOperation>();
+    queue->addOperation(*operation);
+    operation->cancel();
+    EXPECT_FALSE(operation->isFinished());
+    queue->setSuspended(false);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(operation->mainCalls, 0);
+}
+
+// Callbacks.
+
+TEST(OperationCallbacks, RunInTheOrderOfTheirRegistration) {
+    const auto operation = inlineOperation();
+    std::vector<int> order;
+    for (int i = 0; i < 40; ++i) {
+        operation->onResult([&order, i](VNTQResult*) { order.push_back(i); });
+    }
+    operation->start();
+    operation->completeWithSuccess();
+    ASSERT_EQ(order.size(), 40U);
+    EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+TEST(OperationCallbacks, GetTheResultThatWasGiven) {
+    const auto operation = inlineOperation();
+    const auto result = VNTQResult::resultWithFailure("error"_ns);
+    Ref<VNTQResult> delivered;
+    operation->onResult([&](const Ref<VNTQResult>& r) { delivered = r; });
+    operation->start();
+    operation->completeWithResult(result);
+    EXPECT_EQ(delivered, result);
+}
+
+TEST(OperationCallbacks, RunOnTheResultQueueFirstOfAll) {
+    const auto results = DispatchQueue::serial("test.results");
+    const auto execution = DispatchQueue::serial("test.execution");
+    for (const bool isExplicit : {false, true}) {
+        const DispatchQueue* current = nullptr;
+        const auto operation =
+            make<ProbeOperation>([](ProbeOperation* self) { self->completeWithSuccess(); });
+        operation->setExplicitResultDispatch(isExplicit);
+        operation->setExecutionQueue(execution);
+        operation->setResultQueue(results);
+        operation->onCompletion([&] { current = DispatchQueue::current(); });
+        operation->start();
+        drain(execution);
+        drain(results);
+        EXPECT_EQ(current, results.get());
+    }
+}
+
+TEST(OperationCallbacks, RunOnTheExecutionQueueWithoutAResultQueue) {
+    const auto execution = DispatchQueue::serial("test.execution");
+    const DispatchQueue* current = nullptr;
+    const auto operation = make<ProbeOperation>();
+    operation->setExecutionQueue(execution);
+    operation->onCompletion([&] { current = DispatchQueue::current(); });
+    operation->start();
+    drain(execution);
+    operation->completeWithSuccess();
+    drain(execution);
+    EXPECT_EQ(current, execution.get());
+}
+
+TEST(OperationCallbacks, RunOnTheGlobalQueueWithoutAnyQueue) {
+    std::latch delivered(1);
+    const DispatchQueue* current = nullptr;
+    const auto operation = make<ProbeOperation>();
+    operation->onCompletion([&] {
+        current = DispatchQueue::current();
+        delivered.count_down();
+    });
+    operation->start();
+    operation->completeWithSuccess();
+    delivered.wait();
+    EXPECT_EQ(current, DispatchQueue::global().get());
+    EXPECT_EQ(current->qos(), DispatchQoS::default_);
+}
+
+TEST(OperationCallbacks, RunInPlaceWithExplicitDispatchAndNoResultQueue) {
+    const auto operation = make<ProbeOperation>();
+    operation->setExplicitResultDispatch(true);
+    operation->setExecutionQueue(DispatchQueue::serial("test.unused"));
+    std::thread::id thread;
+    operation->onCompletion([&] { thread = std::this_thread::get_id(); });
+    operation->start();
+    drain(operation->executionQueue());
+    operation->completeWithSuccess();
+    EXPECT_EQ(thread, std::this_thread::get_id());
+}
+
+TEST(OperationCallbacks, RunWithoutTheLock) {
+    const auto operation = inlineOperation();
+    bool reached = false;
+    operation->onCompletion([&] {
+        // Another thread can use the operation while its callback runs.
+        std::thread([&] {
+            operation->onCompletion([&] { reached = true; });
+            operation->cancel();
+        }).join();
+    });
+    operation->start();
+    operation->completeWithSuccess();
+    EXPECT_TRUE(reached);
+}
+
+TEST(OperationCallbacks, RegisteredAfterTheEndFireAtOnceAndOnce) {
+    const auto operation = inlineOperation();
+    operation->start();
+    operation->completeWithSuccess("value"_ns);
+    int calls = 0;
+    operation->onValue([&](NSObject* value) {
+        EXPECT_EQ(value, &"value"_ns);
+        ++calls;
+    });
+    EXPECT_EQ(calls, 1);
+    operation->didFinishWithResult(operation->result());
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(OperationCallbacks, RegisteredAfterTheEndGoToTheChosenQueue) {
+    const auto results = DispatchQueue::serial("test.late");
+    const auto operation = make<ProbeOperation>();
+    operation->setResultQueue(results);
+    operation->start();
+    operation->completeWithSuccess();
+    const DispatchQueue* current = nullptr;
+    operation->onCompletion([&] { current = DispatchQueue::current(); });
+    drain(results);
+    EXPECT_EQ(current, results.get());
+}
+
+TEST(OperationCallbacks, RegisteredAfterCancellationFireWithNil) {
+    for (const bool started : {false, true}) {
+        const auto operation = inlineOperation();
+        if (started) {
+            operation->start();
+        }
+        operation->cancel();
+        int nils = 0;
+        operation->onResult([&](VNTQResult* result) { nils += result == nullptr ? 1 : 0; });
+        EXPECT_EQ(nils, 1);
+        operation->start();
+        EXPECT_EQ(nils, 1);
+    }
+}
+
+TEST(OperationCallbacks, RegisteredOnAPreCompletedOperationFireAtOnce) {
+    const auto operation = inlineOperation();
+    operation->completeWithSuccess();
+    int calls = 0;
+    operation->onSuccess([&] { ++calls; });
+    EXPECT_EQ(calls, 1);
+    operation->start();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(OperationCallbacks, DeliveredByHandBeforeTheEndLeaveRoomForOthers) {
+    const auto operation = inlineOperation();
+    std::vector<int> calls;
+    operation->onCompletion([&] { calls.push_back(1); });
+    operation->didFinishWithResult(nullptr);
+    operation->onCompletion([&] { calls.push_back(2); });
+    operation->start();
+    operation->completeWithSuccess();
+    EXPECT_EQ(calls, (std::vector{1, 2}));
+}
+
+TEST(OperationCallbacks, ReturnTheOperationForChaining) {
+    const auto operation = inlineOperation();
+    EXPECT_EQ(operation->onResult([](VNTQResult*) {}), operation);
+    EXPECT_EQ(operation->onCompletion([] {}), operation);
+    EXPECT_EQ(operation->onValue([](NSObject*) {}), operation);
+    EXPECT_EQ(operation->onError([](NSObject*) {}), operation);
+    EXPECT_EQ(operation->onValue([](NSObject*) {}, [](NSObject*) {}), operation);
+    EXPECT_EQ(operation->onSuccess([] {}), operation);
+    EXPECT_EQ(operation->onFailure([] {}), operation);
+    EXPECT_EQ(operation->onSuccess([] {}, [] {}), operation);
+    EXPECT_EQ(operation->onValue(nullptr, nullptr), operation);
+    EXPECT_EQ(operation->onSuccess(nullptr, nullptr), operation);
+}
+
+struct Calls {
+    int value = 0;
+    int error = 0;
+    int success = 0;
+    int failure = 0;
+    int oneSided = 0;
+    friend bool operator==(const Calls&, const Calls&) = default;
+};
+
+void PrintTo(const Calls& c, std::ostream* out) {
+    *out << c.value << c.error << c.success << c.failure << c.oneSided;
+}
+
+Calls callsFor(const Ref<VNTQResult>& result) {
+    Calls calls;
+    const auto operation = inlineOperation();
+    operation->onValue([&](NSObject*) { ++calls.value; }, [&](NSObject*) { ++calls.error; });
+    operation->onSuccess([&] { ++calls.success; }, [&] { ++calls.failure; });
+    operation->onValue([&](NSObject*) { calls.oneSided += 1; });
+    operation->onError([&](NSObject*) { calls.oneSided += 10; });
+    operation->onSuccess([&] { calls.oneSided += 100; });
+    operation->onFailure([&] { calls.oneSided += 1000; });
+    operation->start();
+    operation->completeWithResult(result);
+    return calls;
+}
+
+TEST(OperationCallbacks, AreChosenByTheKindOfTheResult) {
+    EXPECT_EQ(callsFor(VNTQResult::success()), (Calls{1, 0, 1, 0, 101}));
+    EXPECT_EQ(callsFor(VNTQResult::failure()), (Calls{0, 1, 0, 1, 1010}));
+    EXPECT_EQ(callsFor(make<VNTQResult>()), Calls());
+    EXPECT_EQ(callsFor(nullptr), Calls());
+}
+
+TEST(OperationCallbacks, GetThePayload) {
+    const auto operation = inlineOperation();
+    id error;
+    operation->onError([&](NSObject* e) { error = id(e); });
+    operation->start();
+    operation->completeWithFailure("reason"_ns);
+    EXPECT_EQ(error, id("reason"_ns));
+}
+
+TEST(OperationCallbacks, AreLetGoOfOnceDelivered) {
+    const auto operation = inlineOperation();
+    const auto witness = make<NSObject>();
+    operation->onCompletion([witness] {});
+    operation->onCompletion([witness] {});
+    EXPECT_EQ(witness->ownerCount(), 3U);
+    operation->start();
+    operation->completeWithSuccess();
+    EXPECT_EQ(witness->ownerCount(), 1U);
+}
+
+TEST(OperationCallbacks, AreLetGoOfWithTheOperation) {
+    const auto witness = make<NSObject>();
+    {
+        const auto operation = inlineOperation();
+        operation->onCompletion([witness] {});
+        operation->onCompletion([witness] {});
+        operation->onCompletion([witness] {});
+    }
+    EXPECT_EQ(witness->ownerCount(), 1U);
+}
+
+TEST(OperationCallbacksDeathTest, MustNotBeEmptyWhereOneIsRequired) {
+    EXPECT_TRAP(make<VNTQOperation>()->onResult(nullptr), "an empty callback was registered");
+    EXPECT_TRAP(make<VNTQOperation>()->onCompletion(nullptr), "an empty callback was registered");
+}
+
+// Overriding.
+
+class Overriding : public VNTQOperation {
+public:
+    void execute() override {
+        order.push_back("execute");
+        VNTQOperation::execute();
+    }
+    void main() override { order.push_back("main"); }
+    void scheduleTimer(double) override { order.push_back("scheduleTimer"); }
+    void completeWithResult(const Ref<VNTQResult>& result) override {
+        order.push_back("completeWithResult");
+        VNTQOperation::completeWithResult(result);
+    }
+    void didFinishWithResult(const Ref<VNTQResult>& result) override {
+        order.push_back("didFinishWithResult");
+        VNTQOperation::didFinishWithResult(result);
+    }
+    Log order;
+};
+
+TEST(OperationOverrides, AreCalledAtTheirPlaces) {
+    const auto operation = make<Overriding>();
+    operation->setTimeoutInterval(10);
+    operation->start();
+    operation->completeWithSuccess();
+    EXPECT_EQ(operation->order, (Log{"execute", "main", "scheduleTimer", "completeWithResult",
+                                     "didFinishWithResult"}));
+}
+
+// Messages.
+
+TEST(OperationMessages, DriveAnOperationByNameAlone) {
+    const id operation = send<id>(VNTQOperation::classObject(), "new"_sel);
+    send<void>(operation, "setExplicitResultDispatch:"_sel, true);
+    send<void>(operation, "setTimeoutInterval:"_sel, 30.0);
+    id delivered;
+    int completions = 0;
+    const id chained = send<id>(operation, "onValue:"_sel, [&](NSObject* v) { delivered = id(v); });
+    EXPECT_EQ(chained, operation);
+    send<id>(operation, "onCompletion:"_sel, [&] { ++completions; });
+    send<id>(operation, "onResult:"_sel, [&](VNTQResult*) { ++completions; });
+    send<void>(operation, "start"_sel);
+    EXPECT_TRUE(send<bool>(operation, "isExecuting"_sel));
+    EXPECT_GT(send<double>(operation, "timeRemaining"_sel), 20.0);
+    send<void>(operation, "completeWithSuccess:"_sel, "value"_ns);
+    EXPECT_EQ(delivered, id("value"_ns));
+    EXPECT_EQ(completions, 2);
+    EXPECT_TRUE(send<bool>(operation, "isFinished"_sel));
+    EXPECT_EQ(send<Ref<VNTQResult>>(operation, "result"_sel)->value(), id("value"_ns));
+}
+
+TEST(OperationMessages, ReachOverridesInSubclasses) {
+    const auto operation = make<Overriding>();
+    send<void>(operation, "didFinishWithResult:"_sel, nullptr);
+    EXPECT_EQ(operation->order, (Log{"didFinishWithResult"}));
+}
+
+TEST(OperationMessagesDeathTest, TrapOnAnArgumentOfAnotherClass) {
+    EXPECT_TRAP(send<void>(make<VNTQOperation>(), "completeWithResult:"_sel, "text"_ns),
+                "an object of class NSString was sent where VNTQResult is required");
+    EXPECT_TRAP(send<id>(make<VNTQOperation>(), "onResult:"_sel, [](NSObject*, NSObject*) {}),
+                "a block of signature v@ is required");
+    EXPECT_TRAP(send<void>(make<VNTQOperation>(), "setTimeoutInterval:"_sel, 1),
+                "sent with the types vi, but the method has the types vd");
+    EXPECT_TRAP(send<void>(make<VNTQOperation>(), "completeWithNothing"_sel),
+                "-[VNTQOperation completeWithNothing]: unrecognised selector");
+}
+
+TEST(OperationMessages, ReadAndWritePropertiesByKey) {
+    const auto operation = make<VNTQOperation>();
+    operation->setValueForKey(NSNumber::number(2.5), "timeoutInterval"_ns);
+    EXPECT_EQ(operation->timeoutInterval(), 2.5);
+    EXPECT_TRUE(
+        isEqual(operation->valueForKey("timeoutInterval"_ns).get(), NSNumber::number(2.5).get()));
+    const auto queue = DispatchQueue::serial("test.key");
+    operation->setValueForKey(queue, "resultQueue"_ns);
+    EXPECT_EQ(operation->resultQueue(), queue);
+    EXPECT_TRUE(unbridge<bool>(operation->valueForKey("isReady"_ns)).value());
+}
+
+// Queues.
+
+TEST(OperationInAQueue, IsStartedAndLeavesWhenItCompletes) {
+    const auto queue = make<NSOperationQueue>();
+    std::latch started(1);
+    const auto operation = make<ProbeOperation>([&](ProbeOperation*) { started.count_down(); });
+    queue->addOperation(*operation);
+    started.wait();
+    EXPECT_EQ(queue->operationCount(), 1U);
+    operation->completeWithSuccess();
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(queue->operationCount(), 0U);
+}
+
+TEST(OperationInAQueue, WaitsForItsDependency) {
+    const auto queue = make<NSOperationQueue>();
+    std::vector<int> order;
+    const auto first = make<ProbeOperation>([&](ProbeOperation* self) {
+        order.push_back(1);
+        self->completeWithSuccess();
+    });
+    const auto second = make<ProbeOperation>([&](ProbeOperation* self) {
+        order.push_back(2);
+        self->completeWithSuccess();
+    });
+    second->addDependency(*first);
+    queue->addOperation(*second);
+    queue->addOperation(*first);
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_EQ(order, (std::vector{1, 2}));
+}
+
+}  // namespace
+}  // namespace vantorq

@@ -1,0 +1,90 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "VantorqFoundation/VantorqFoundation.h"
+
+/// What the tests of operations share.
+namespace vantorq::test {
+
+/// Writes down every change notification that it gets, as "key" or "key=value".
+class ChangeLog : public NSObject {
+    VNTQ_OBJECT(ChangeLog, NSObject)
+public:
+    void observe(NSObject& object, std::initializer_list<id> keys,
+                 KeyValueObservingOptions options = KeyValueObservingOptions::none) {
+        object.addObserver(*this, *NSArray::array(keys), options, nullptr);
+    }
+    void observeValueForKeyPath(const NSString& key, NSObject&, const KeyValueChange& change,
+                                void*) override {
+        entries.push_back((change.isPrior ? "will " : "did ") + key.utf8());
+    }
+
+    std::vector<std::string> entries;
+};
+
+/// An operation whose work is given as a function, and which counts what is called.
+class ProbeOperation : public VNTQOperation {
+    VNTQ_OBJECT(ProbeOperation, VNTQOperation)
+public:
+    ProbeOperation() { ++liveCount; }
+    explicit ProbeOperation(Block<void(ProbeOperation*)> body) : work(std::move(body)) {
+        ++liveCount;
+    }
+
+    /// Probe operations that have not been destroyed.
+    static std::atomic<int> liveCount;
+
+    void main() override {
+        ++mainCalls;
+        if (work) {
+            work(this);
+        }
+    }
+    void scheduleTimer(double seconds) override {
+        scheduledSeconds.push_back(seconds);
+        if (armsTimer) {
+            VNTQOperation::scheduleTimer(seconds);
+        }
+    }
+
+    Block<void(ProbeOperation*)> work;
+    int mainCalls = 0;
+    std::vector<double> scheduledSeconds;
+    bool armsTimer = true;
+
+protected:
+    ~ProbeOperation() override { --liveCount; }
+};
+
+/// Waits for something that other threads bring about; false after half a minute without it.
+template <class Condition>
+[[nodiscard]] bool eventually(Condition condition) {
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > limit) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+/// An operation that delivers in place, so that a test sees everything at once.
+template <class... Args>
+Ref<ProbeOperation> inlineOperation(Args&&... args) {
+    auto operation = make<ProbeOperation>(std::forward<Args>(args)...);
+    operation->setExplicitResultDispatch(true);
+    return operation;
+}
+
+inline double secondsUntil(const Ref<NSDate>& date) {
+    return date->timeIntervalSinceNow();
+}
+
+}  // namespace vantorq::test
