@@ -35,10 +35,11 @@ constexpr int kBlocks = 1'000'000;
 
 template <class Submit>
 void submitBlocks(benchmark::State& state, Submit submit) {
+    static Countdown countdown;
     while (state.KeepRunningBatch(kBlocks)) {
-        Countdown countdown(kBlocks);
+        countdown.start(kBlocks);
         for (int i = 0; i < kBlocks; ++i) {
-            submit([&countdown] { countdown.countDown(); });
+            submit([] { countdown.countDown(); });
         }
         countdown.wait();
     }
@@ -64,11 +65,12 @@ BENCHMARK(submitToAsioPool)->Name("queue an empty block/boost::asio::thread_pool
 
 /// A task group has to be waited for, and the waiting thread then helps.
 void submitToTaskGroup(benchmark::State& state) {
+    static Countdown countdown;
     while (state.KeepRunningBatch(kBlocks)) {
-        Countdown countdown(kBlocks);
+        countdown.start(kBlocks);
         tbb::task_group group;
         for (int i = 0; i < kBlocks; ++i) {
-            group.run([&countdown] { countdown.countDown(); });
+            group.run([] { countdown.countDown(); });
         }
         group.wait();
         countdown.wait();
@@ -80,16 +82,11 @@ BENCHMARK(submitToTaskGroup)->Name("queue an empty block/tbb::task_group")->UseR
 
 template <class Submit>
 void submitAndWait(benchmark::State& state, Submit submit) {
+    static Countdown countdown;
     for (auto _ : state) {
-        Countdown countdown(1);
-        std::atomic<bool> isOver{false};
-        submit([&] {
-            countdown.countDown();
-            isOver.store(true, std::memory_order_release);
-        });
+        countdown.start(1);
+        submit([] { countdown.countDown(); });
         countdown.wait();
-        while (!isOver.load(std::memory_order_acquire)) {
-        }
     }
 }
 
@@ -113,30 +110,27 @@ BENCHMARK(submitAndWaitAsio)
     ->Name("queue one block and wait/boost::asio::thread_pool")
     ->UseRealTime();
 
-// Blocks that run one after the other. They count without atomic instructions, which is only right
-// when no two run at a time.
+// Blocks that run one after the other, which they check.
 
 constexpr int kSerialBlocks = 100'000;
 
 template <class Submit>
 void submitInOrder(benchmark::State& state, Submit submit) {
+    static Countdown countdown;
+    bool isInOrder = true;
     while (state.KeepRunningBatch(kSerialBlocks)) {
-        Countdown end(1);
-        int count = 0;
+        countdown.start(kSerialBlocks);
+        int next = 0;
         for (int i = 0; i < kSerialBlocks; ++i) {
-            submit([&count, &end, i] {
-                if (count == i && ++count == kSerialBlocks) {
-                    end.countDown();
-                }
+            submit([&isInOrder, &next, i] {
+                isInOrder = isInOrder && next++ == i;
+                countdown.countDown();
             });
         }
-        end.wait();
-        // The last block may still be inside `countDown`; what is queued now comes after it.
-        std::atomic<bool> isIdle{false};
-        submit([&isIdle] { isIdle.store(true, std::memory_order_release); });
-        while (!isIdle.load(std::memory_order_acquire)) {
-            std::this_thread::yield();
-        }
+        countdown.wait();
+    }
+    if (!isInOrder) {
+        state.SkipWithError("the blocks have not run in their order");
     }
 }
 
@@ -160,12 +154,12 @@ constexpr int kTimers = 1'000;
 
 void armAndCancelTimers(benchmark::State& state) {
     const auto queue = DispatchQueue::global();
-    std::atomic<int> fired{0};
+    static constinit std::atomic<int> fired{0};
     std::vector<Ref<DispatchTimer>> timers(kTimers);
     while (state.KeepRunningBatch(kTimers)) {
         for (auto& timer : timers) {
             timer = make<DispatchTimer>(queue);
-            timer->setEventHandler([&fired] { ++fired; });
+            timer->setEventHandler([] { ++fired; });
             timer->schedule(30'000'000'000, 1'000'000'000);
             timer->resume();
         }

@@ -69,13 +69,9 @@ constexpr MethodInfo kSingleMethods[] = {method<&SingleTally::add>("add:"),
 constexpr MethodInfo kDoubleMethods[] = {method<&DoubleTally::add>("add:"),
                                          method<&DoubleTally::addText>("addText:")};
 
-}  // namespace
-
 VNTQ_DEFINE_CLASS(Tally, {})
 VNTQ_DEFINE_CLASS(SingleTally, {.methods = kSingleMethods})
 VNTQ_DEFINE_CLASS(DoubleTally, {.methods = kDoubleMethods})
-
-namespace {
 
 /// Which class it is, the compiler cannot know.
 Ref<Tally> someTally(bool isDouble) {
@@ -211,13 +207,12 @@ BENCHMARK(makeWeakPtr)->Name("weak handle, made and loaded/std::weak_ptr");
 // Text.
 
 constexpr std::string_view kAsciiText =
-    "The quick brown fox jumps over the lazy dog, and then it does so again, for good measure, all "
-    "day..";
+    "The quick brown fox jumps over the lazy dog, "
+    "and then it does so again, for good measure, every day.";
 static_assert(kAsciiText.size() == 100);
 constexpr std::string_view kMixedText =
-    "Zwölf Boxkämpfer jagen Viktor quer über den großen Sylter Deich — съешь ещё этих мягких "
-    "булок, "
-    "いろはにほへと 👩‍🚀";
+    "Zwölf Boxkämpfer jagen Viktor quer über den großen Sylter Deich — "
+    "съешь ещё этих мягких булок, いろはにほへと 👩‍🚀";
 
 template <class Convert>
 void convertText(benchmark::State& state, std::string_view text, Convert convert) {

@@ -54,7 +54,7 @@ id VNTQResult::copyWithZone(void*) const {
 }
 
 Ref<NSString> VNTQResult::description() const {
-    const auto root = NSObject::description();
+    auto root = NSObject::description();
     switch (type_) {
         case VNTQResultType::success:
             return NSString::stringWithFormat("%@ : Success { %@ }"_ns, root, value_);

@@ -61,6 +61,7 @@ public:
 
     /// Turns the run loop until all operations have ended.
     std::vector<MeasuredPackage> wait() {
+        showProgress();
         const auto timer = NSTimer::scheduledTimerWithTimeInterval(
             kSecondsBetweenProgress, true, [this](NSTimer*) { showProgress(); });
         while (finishedCount_ < measured_.size()) {

@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -58,7 +56,16 @@ bool isListedBefore(const MeasuredPackage& a, const MeasuredPackage& b) {
     if (a.outcome != b.outcome) {
         return a.outcome < b.outcome;
     }
-    return a.package.name->compare(*b.package.name) == NSComparisonResult::ascending;
+    const auto byName = a.package.name->compare(*b.package.name);
+    if (byName != NSComparisonResult::same) {
+        return byName == NSComparisonResult::ascending;
+    }
+    return a.package.architecture->compare(*b.package.architecture) ==
+           NSComparisonResult::ascending;
+}
+
+bool isSectionListedBefore(const Section& a, const Section& b) {
+    return a.size != b.size ? a.size > b.size : a.name < b.name;
 }
 
 /// Writes a listing, line by line.
@@ -197,11 +204,10 @@ std::vector<Section> groupedBySection(std::vector<MeasuredPackage> packages) {
 
     std::vector<Section> sections;
     for (auto& [name, section] : byName) {
-        std::ranges::stable_sort(section.packages, isListedBefore);
+        std::ranges::sort(section.packages, isListedBefore);
         sections.push_back(std::move(section));
     }
-    // They are ordered by name, which therefore decides between equal sizes.
-    std::ranges::stable_sort(sections, std::ranges::greater(), &Section::size);
+    std::ranges::sort(sections, isSectionListedBefore);
     return sections;
 }
 

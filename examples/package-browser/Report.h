@@ -24,9 +24,9 @@ struct Section {
 struct ListingStyle {
     /// The columns of a terminal, which bold and dim text are for as well. Without them, lines are
     /// plain and as long as they come.
-    std::optional<std::size_t> columns;
+    std::optional<std::size_t> columns = std::nullopt;
     /// The packages to show of each section; all of them without it.
-    std::optional<std::size_t> top;
+    std::optional<std::size_t> top = std::nullopt;
 };
 
 /// The sections with their packages, and the totals.

@@ -148,8 +148,8 @@ TEST(Class, IsFoundByName) {
 
 TEST(Class, OfTheHostJoinsOnFirstUse) {
     EXPECT_EQ(Class::named("Latecomer"), nullptr);
-    const auto first = make<Latecomer>();
-    EXPECT_EQ(Class::named("Latecomer"), &first->objectClass());
+    const Class& latecomer = make<Latecomer>()->objectClass();
+    EXPECT_EQ(Class::named("Latecomer"), &latecomer);
 }
 
 TEST(Class, AClassIsAnObjectOfTheClassClass) {

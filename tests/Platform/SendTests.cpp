@@ -293,7 +293,8 @@ TEST(Send, BridgesResultsThatAreValues) {
 
 TEST(Send, TurnsALambdaIntoABlock) {
     const auto radio = make<Radio>();
-    const NSInteger factor = 3;
+    NSInteger factor = 1;
+    factor += 2;
     EXPECT_EQ(
         send<NSInteger>(
             radio, "apply:to:"_sel, [factor](NSInteger n) { return factor * n; }, NSInteger{5}),

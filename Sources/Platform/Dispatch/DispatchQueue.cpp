@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "CurrentQueue.h"
 #include "MonotonicTime.h"
 #include "PoolQueue.h"
 #include "SerialQueue.h"
+#include "Thread.h"
 #include "ThreadPool.h"
 #include "TimerStore.h"
 #include "VantorqFoundation/Platform/Class.h"
@@ -121,7 +121,7 @@ DispatchQueue* DispatchQueue::current() noexcept {
 }
 
 bool DispatchQueue::isMainThread() noexcept {
-    static thread_local const bool isMain = ::syscall(SYS_gettid) == ::getpid();
+    static thread_local const bool isMain = currentThreadId() == ::getpid();
     return isMain;
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <condition_variable>
+#include <iterator>
+#include <memory>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -51,8 +53,24 @@ struct NSOperation::Extras {
     Block<void()> completionBlock;
 };
 
+/// Lets go of its dependencies, and of theirs, one at a time: were each destroyed within the
+/// destructor of the one before, a long chain would overflow the stack.
 NSOperation::~NSOperation() {
-    delete existingExtras();
+    const std::unique_ptr<Extras> own(existingExtras());
+    if (own == nullptr || own->dependencies.empty()) {
+        return;
+    }
+    static constinit thread_local std::vector<Extras::Dependency>* underWay = nullptr;
+    if (underWay != nullptr) {
+        std::ranges::move(own->dependencies, std::back_inserter(*underWay));
+        return;
+    }
+    underWay = &own->dependencies;
+    while (!underWay->empty()) {
+        const auto next = std::move(underWay->back());
+        underWay->pop_back();
+    }
+    underWay = nullptr;
 }
 
 NSOperation::Extras& NSOperation::extras() const {
@@ -117,6 +135,9 @@ void NSOperation::cancel() {
 }
 
 void NSOperation::addDependency(NSOperation& dependency) {
+    if (isExecuting() || isFinished()) {
+        return;
+    }
     Extras& own = extras();
     {
         const std::lock_guard guard(own.mutex);
@@ -221,9 +242,13 @@ void NSOperation::setCompletionBlock(Block<void()> block) {
 }
 
 void NSOperation::waitUntilFinished() {
+    // Asked before the lock is taken: a subclass may answer under a lock that it announces under.
+    if (isFinished()) {
+        return;
+    }
     Extras& own = extras();
     std::unique_lock guard(own.mutex);
-    own.ended.wait(guard, [&] { return endAnnounced_ || isFinished(); });
+    own.ended.wait(guard, [&] { return endAnnounced_.load(); });
 }
 
 void NSOperation::didChangeValueForKey(const NSString& key) {

@@ -217,11 +217,30 @@ void NSOperationQueue::startReadyOperations() {
             queue = DispatchQueue::global();
         }
         queue->async([operation = std::move(next), self = Ref<NSOperationQueue>(this)] {
+            if (!operation->isReady()) {
+                self->putBack(*operation);
+                return;
+            }
             NSOperationQueue* const outer = std::exchange(currentQueueSlot(), self.get());
             operation->start();
             currentQueueSlot() = outer;
         });
     }
+}
+
+/// Takes back an operation that was given a further dependency after it had been lined up.
+void NSOperationQueue::putBack(NSOperation& operation) {
+    {
+        const std::lock_guard guard(state_->mutex);
+        State::Entry* entry = state_->find(operation);
+        if (entry == nullptr) {
+            return;
+        }
+        entry->stage = State::Stage::waiting;
+        --state_->startedCount;
+    }
+    consider(operation);  // the dependency may have finished in the meantime
+    startReadyOperations();
 }
 
 void NSOperationQueue::observeValueForKeyPath(const NSString& key, NSObject& object,

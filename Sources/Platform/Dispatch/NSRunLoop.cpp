@@ -11,6 +11,7 @@
 
 #include "MonotonicTime.h"
 #include "SerialQueue.h"
+#include "Thread.h"
 #include "VantorqFoundation/Platform/Class.h"
 #include "VantorqFoundation/Platform/NSTimer.h"
 #include "VantorqFoundation/Platform/Trap.h"
@@ -51,6 +52,9 @@ private:
 
     std::vector<Ref<NSString>> modes_;
 };
+
+/// The calling thread's loop, owned by it; null until it is asked for.
+constinit thread_local NSRunLoop* currentLoop = nullptr;
 
 template <class T>
 struct Member {
@@ -147,19 +151,24 @@ struct NSRunLoop::State {
 
 void NSRunLoop::State::fireTimers(const NSString& inMode) {
     const std::int64_t now = monotonicNow();
-    std::vector<std::pair<std::int64_t, Ref<NSTimer>>> due;
+    struct Due {
+        std::int64_t time;
+        std::size_t place;
+        Ref<NSTimer> timer;
+    };
+    std::vector<Due> due;
     {
         const std::lock_guard guard(mutex);
         for (const auto& timer : timers) {
             const auto time = timer.modes.includes(inMode) ? timer.item->dueTime() : std::nullopt;
             if (time && *time <= now) {
-                due.emplace_back(*time, timer.item);
+                due.push_back({*time, due.size(), timer.item});
             }
         }
     }
-    std::ranges::stable_sort(due, {}, [](const auto& one) { return one.first; });
-    for (const auto& [time, timer] : due) {
-        timer->fireIfDue(now);
+    std::ranges::sort(due, {}, [](const Due& one) { return std::pair(one.time, one.place); });
+    for (const Due& one : due) {
+        one.timer->fireIfDue(now);
     }
 }
 
@@ -205,21 +214,6 @@ bool NSRunLoop::State::handleSources(const NSString& inMode) {
     return hasHandled;
 }
 
-/// A thread's loop while the thread lives.
-struct NSRunLoop::Thread {
-    Ref<NSRunLoop> loop =
-        DispatchQueue::isMainThread() ? main() : Ref<NSRunLoop>::adopt(new NSRunLoop(false));
-    ~Thread() {
-        if (!loop->state_->isMain) {
-            loop->close();
-        }
-    }
-    static Thread& current() {
-        static thread_local Thread thread;
-        return thread;
-    }
-};
-
 RunLoopSource::RunLoopSource(Block<void()> handler) : handler_(std::move(handler)) {
     if (!handler_) {
         VNTQ_TRAP("RunLoopSource: made with an empty handler");
@@ -238,7 +232,19 @@ NSRunLoop::NSRunLoop(bool isMain) : state_(std::make_unique<State>(isMain)) {}
 NSRunLoop::~NSRunLoop() = default;
 
 Ref<NSRunLoop> NSRunLoop::current() {
-    return Thread::current().loop;
+    if (currentLoop == nullptr) {
+        if (DispatchQueue::isMainThread()) {
+            currentLoop = main().get();
+        } else {
+            currentLoop = new NSRunLoop(false);
+            atThreadEnd<&NSRunLoop::threadEnded>(currentLoop);
+        }
+    }
+    return currentLoop;
+}
+
+void NSRunLoop::threadEnded(void*) {
+    Ref<NSRunLoop>::adopt(std::exchange(currentLoop, nullptr))->close();
 }
 
 Ref<NSRunLoop> NSRunLoop::main() {
@@ -247,7 +253,7 @@ Ref<NSRunLoop> NSRunLoop::main() {
 }
 
 void NSRunLoop::checkThread() const {
-    if (Thread::current().loop != this) {
+    if (current() != this) {
         VNTQ_TRAP("NSRunLoop: turned by a thread that is not its own");
     }
 }

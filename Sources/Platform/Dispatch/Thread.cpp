@@ -1,8 +1,14 @@
 #include "Thread.h"
 
+#include <array>
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <fcntl.h>
 #include <memory>
-#include <pthread.h>
+#include <string_view>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 namespace vantorq {
 
@@ -41,6 +47,26 @@ bool startThread(const char* name, void (*body)(void*), void* context) {
         (void)start.release();
     }
     return hasStarted;
+}
+
+pid_t currentThreadId() noexcept {
+    return static_cast<pid_t>(::syscall(SYS_gettid));
+}
+
+bool isThreadRunnable(pid_t thread) {
+    std::array<char, 64> path;
+    std::snprintf(path.data(), path.size(), "/proc/self/task/%d/stat", thread);
+    const int file = ::open(path.data(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) {
+        return false;
+    }
+    std::array<char, 64> text;
+    const ssize_t size = ::read(file, text.data(), text.size());
+    ::close(file);
+    // The line begins with number, name in parentheses, state: "42 (vntq-worker) R".
+    const std::string_view line(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    const std::size_t nameEnd = line.rfind(')');
+    return nameEnd != std::string_view::npos && line.substr(nameEnd).starts_with(") R");
 }
 
 }  // namespace vantorq

@@ -1,10 +1,33 @@
 #pragma once
 
+#include <pthread.h>
+#include <sys/types.h>
+
 namespace vantorq {
 
 /// Starts a detached thread that runs `body(context)`, with every signal blocked, so that the
 /// host's handlers run on the host's threads only. `name` has 15 characters at most. False when the
 /// system has no room for another thread.
 [[nodiscard]] bool startThread(const char* name, void (*body)(void*), void* context);
+
+/// The number that the system knows the calling thread by.
+[[nodiscard]] pid_t currentThreadId() noexcept;
+
+/// Whether a thread of this process runs or could run, as opposed to one that waits for something.
+/// False also when that cannot be found out.
+[[nodiscard]] bool isThreadRunnable(pid_t thread);
+
+/// Has `Function(context)` called when the calling thread ends, after its thread-local objects are
+/// gone. Once per function: a later context replaces the one before. Never called on a thread that
+/// ends with the process.
+template <void (*Function)(void*)>
+void atThreadEnd(void* context) {
+    static const pthread_key_t key = [] {
+        pthread_key_t made;
+        ::pthread_key_create(&made, Function);
+        return made;
+    }();
+    ::pthread_setspecific(key, context);
+}
 
 }  // namespace vantorq

@@ -1,10 +1,9 @@
 #include "ThreadPool.h"
 
 #include <algorithm>
-#include <ctime>
 #include <mutex>
-#include <pthread.h>
 #include <span>
+#include <sys/types.h>
 #include <thread>
 #include <utility>
 
@@ -22,10 +21,10 @@ namespace {
 constexpr std::size_t kMostThreads = 256;
 /// How long a parked thread stays.
 constexpr std::int64_t kIdleTime = kNanosecondsPerSecond;
-/// How often the monitor looks.
+/// How long the monitor rests between looks.
 constexpr std::int64_t kMonitorInterval = 5'000'000;
-/// A thread that has computed for less than this share of an interval is blocked.
-constexpr std::int64_t kBusyShare = 16;
+/// The monitor rests so many times as long as it takes it to look, if that is longer.
+constexpr std::int64_t kMonitorRest = 20;
 /// One batch in so many is taken from the least urgent lane.
 constexpr std::uint32_t kLowShare = 16;
 /// How often a searching thread looks before it parks, and how long it pauses in between: short
@@ -46,9 +45,8 @@ struct ThreadPool::Worker {
     Worker* parkedBelow = nullptr;
     bool hasThread = false;
     bool isParked = false;
-    std::optional<clockid_t> cpuClock;
+    pid_t thread = 0;               // while one runs
     std::uint64_t begunBefore = 0;  // when the monitor looked last
-    std::int64_t cpuTimeBefore = 0;
 
     explicit Worker(ThreadPool& owner) : pool(owner) {}
 };
@@ -62,13 +60,12 @@ struct ThreadPool::Monitor : TimerEntry {
         };
     }
 
-    void start() {
-        const std::int64_t next = monotonicNow() + kMonitorInterval;
+    void lookAfter(std::int64_t delay) {
+        const std::int64_t next = monotonicNow() + delay;
         TimerStore::shared().arm(*this, next, next);
     }
 
     ThreadPool& pool;
-    std::int64_t lookedAt = 0;
 };
 
 ThreadPool& ThreadPool::shared() {
@@ -127,7 +124,7 @@ void ThreadPool::carryOut(const FollowUp& followUp) {
     } else if (followUp.start != nullptr) {
         startWorker(*followUp.start);
     } else if (followUp.startsMonitor) {
-        monitor_->start();
+        monitor_->lookAfter(kMonitorInterval);
     }
 }
 
@@ -149,7 +146,7 @@ void ThreadPool::startWorker(Worker& worker) {
         startsMonitor = !std::exchange(isMonitored_, true);
     }
     if (startsMonitor) {
-        monitor_->start();
+        monitor_->lookAfter(kMonitorInterval);
     }
 }
 
@@ -171,9 +168,7 @@ bool ThreadPool::isWorkWaiting() const noexcept {
 void ThreadPool::workerMain(Worker& self) {
     QueueFrame frame(nullptr);
     std::unique_lock lock(lock_);
-    clockid_t clock;
-    self.cpuClock = ::pthread_getcpuclockid(::pthread_self(), &clock) == 0 ? std::optional(clock)
-                                                                           : std::nullopt;
+    self.thread = currentThreadId();
     for (Work* work = search(self, lock); work != nullptr; work = next(self)) {
         auto& queue = static_cast<PoolQueue&>(*work->queue);
         frame.setQueue(&queue);
@@ -309,6 +304,7 @@ bool ThreadPool::park(Worker& self, std::unique_lock<UnfairLock>& lock) {
     *link = self.parkedBelow;
     self.isParked = false;
     self.hasThread = false;
+    self.thread = 0;
     lock.unlock();
     return false;
 }
@@ -316,7 +312,8 @@ bool ThreadPool::park(Worker& self, std::unique_lock<UnfairLock>& lock) {
 /// The monitor's look: allows as many threads as the machine runs at a time, beside those that are
 /// blocked. When all are, it allows half as many again, since those to come may well block too.
 void ThreadPool::watch() {
-    FollowUp followUp;
+    const std::int64_t start = monotonicNow();
+    std::vector<pid_t> suspects;
     {
         const std::lock_guard guard(lock_);
         if (!isWorkWaiting()) {
@@ -324,35 +321,32 @@ void ThreadPool::watch() {
             allowed_ = baseCount_;
             return;
         }
-        const std::size_t blocked = countBlocked();
-        const std::size_t extra = blocked == active_ ? blocked / 2 : 0;
+        suspects = threadsWithoutProgress();
+    }
+    const auto blocked = suspects.size() - static_cast<std::size_t>(
+                                               std::ranges::count_if(suspects, &isThreadRunnable));
+    FollowUp followUp;
+    {
+        const std::lock_guard guard(lock_);
+        const std::size_t extra = blocked >= active_ ? blocked / 2 : 0;
         allowed_ = std::min(baseCount_ + blocked + extra, kMostThreads);
         followUp = keepGoing();
     }
     carryOut(followUp);
-    monitor_->start();
+    monitor_->lookAfter(std::max(kMonitorInterval, kMonitorRest * (monotonicNow() - start)));
 }
 
-/// How many threads are busy with the same piece of work as at the last look and have hardly
-/// computed since.
-std::size_t ThreadPool::countBlocked() {
-    const std::int64_t now = monotonicNow();
-    const std::int64_t busyTime = (now - std::exchange(monitor_->lookedAt, now)) / kBusyShare;
-    std::size_t blocked = 0;
+/// The threads that are busy with the same piece of work as at the last look. With the lock.
+std::vector<pid_t> ThreadPool::threadsWithoutProgress() {
+    std::vector<pid_t> threads;
     for (const auto& worker : workers_) {
-        timespec used;
-        if (!worker->hasThread || worker->isParked || !worker->cpuClock ||
-            ::clock_gettime(*worker->cpuClock, &used) != 0) {
-            continue;
-        }
-        const std::int64_t cpuTime = used.tv_sec * kNanosecondsPerSecond + used.tv_nsec;
         const std::uint64_t begun = worker->begun.load(std::memory_order_relaxed);
-        const std::int64_t computed = cpuTime - std::exchange(worker->cpuTimeBefore, cpuTime);
-        if (begun == std::exchange(worker->begunBefore, begun) && computed < busyTime) {
-            ++blocked;
+        if (begun == std::exchange(worker->begunBefore, begun) && worker->thread != 0 &&
+            !worker->isParked) {
+            threads.push_back(worker->thread);
         }
     }
-    return blocked;
+    return threads;
 }
 
 }  // namespace vantorq

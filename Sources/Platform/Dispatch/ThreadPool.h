@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <sys/types.h>
 #include <vector>
 
 #include "TimerStore.h"
@@ -65,23 +66,26 @@ private:
     Worker& idleSlot();
     bool isWorkWaiting() const noexcept;
     void watch();
-    std::size_t countBlocked();
+    std::vector<pid_t> threadsWithoutProgress();
 
     static constexpr std::size_t kNoLane = kLaneCount;
 
     const std::size_t baseCount_;
-    alignas(64) UnfairLock lock_;                   // guards what follows, atomics for writing
-    std::atomic<std::size_t> mostUrgent_{kNoLane};  // the first lane with work
-    std::array<std::deque<Work*>, kLaneCount> lanes_;
+
+    // Guarded by the lock; what every piece of work touches stands beside it.
+    alignas(64) UnfairLock lock_;
+    bool isMonitored_ = false;
+    std::atomic<std::size_t> mostUrgent_{
+        kNoLane};                // the first lane with work; read without the lock
     std::size_t queued_ = 0;     // in all lanes
     std::size_t searching_ = 0;  // active threads that look for work
     std::size_t active_ = 0;     // threads that are not parked
     std::size_t allowed_;        // how many may be active
-    bool isMonitored_ = false;
     std::uint32_t takes_ = 0;
     Worker* parked_ = nullptr;  // the one that parked last
+    std::array<std::deque<Work*>, kLaneCount> lanes_;
     std::vector<std::unique_ptr<Worker>> workers_;
-    std::unique_ptr<Monitor> monitor_;
+    const std::unique_ptr<Monitor> monitor_;
 };
 
 }  // namespace vantorq

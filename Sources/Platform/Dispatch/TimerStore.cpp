@@ -63,7 +63,7 @@ void TimerStore::disarm(TimerEntry& entry) noexcept {
         remove(entry);
         wasUsed_ = true;
         // The thread is to end soon after the last timer, not when that would have fired.
-        needsWakeUp = heap_.empty() && std::exchange(sleepsForLong_, false);
+        needsWakeUp = nextWakeUp() == kNever && std::exchange(sleepsForLong_, false);
     }
     if (needsWakeUp) {
         wakeThread();
@@ -101,14 +101,14 @@ bool TimerStore::waitForWork() {
         std::int64_t until;
         {
             const std::lock_guard guard(lock_);
-            const std::int64_t next = heap_.empty() ? kNever : heap_.front()->latest;
+            const std::int64_t next = nextWakeUp();
             sleepsUntil_ = 0;
             if (next <= now) {
                 wasUsed_ = true;
                 return true;
             }
             const bool isIdle = !std::exchange(wasUsed_, false);
-            if (heap_.empty() && isIdle) {
+            if (next == kNever && isIdle) {
                 isThreadRunning_ = false;
                 return false;
             }
@@ -121,6 +121,11 @@ bool TimerStore::waitForWork() {
         }
         futexWait(wakeUps_, wakeUps, until);
     }
+}
+
+/// "Never" without timers, or with none that ever comes.
+std::int64_t TimerStore::nextWakeUp() const noexcept {
+    return heap_.empty() ? kNever : heap_.front()->latest;
 }
 
 void TimerStore::takeDue(std::vector<DueWork>& out) {

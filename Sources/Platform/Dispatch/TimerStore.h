@@ -40,6 +40,7 @@ private:
     void threadMain();
     bool waitForWork();
     void takeDue(std::vector<DueWork>& out);
+    [[nodiscard]] std::int64_t nextWakeUp() const noexcept;
     void place(TimerEntry& entry, std::size_t index) noexcept;
     void siftUp(TimerEntry& entry, std::size_t index) noexcept;
     void siftDown(TimerEntry& entry, std::size_t index) noexcept;

@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
+#include <utility>
 
+#include "Thread.h"
 #include "VantorqFoundation/Platform/UnfairLock.h"
 
 namespace vantorq {
@@ -90,34 +92,20 @@ void giveBack(WorkBlock& block, std::uint32_t count) noexcept {
 struct ThreadBlock {
     WorkBlock* block;
     std::uint32_t used;
-    bool isThreadEnding;
 };
-[[gnu::tls_model("initial-exec")]] constinit thread_local ThreadBlock threadBlock{nullptr, 0,
-                                                                                  false};
+[[gnu::tls_model("initial-exec")]] constinit thread_local ThreadBlock threadBlock{nullptr, 0};
 
-void giveBackRest() noexcept {
-    if (threadBlock.block != nullptr && threadBlock.used < WorkBlock::kCapacity) {
-        giveBack(*threadBlock.block, WorkBlock::kCapacity - threadBlock.used);
+void giveBackRest(void*) noexcept {
+    WorkBlock& block = *std::exchange(threadBlock.block, nullptr);
+    if (threadBlock.used < WorkBlock::kCapacity) {
+        giveBack(block, WorkBlock::kCapacity - threadBlock.used);
     }
-    threadBlock.block = nullptr;
 }
 
-struct AtThreadEnd {
-    ~AtThreadEnd() {
-        giveBackRest();
-        threadBlock.isThreadEnding = true;
-    }
-};
-
 [[gnu::noinline]] Work& allocateFromNewBlock() {
-    static thread_local const AtThreadEnd atThreadEnd;
-    WorkBlock& block = freeBlocks.take();
-    threadBlock.block = &block;
-    threadBlock.used = 1;
-    if (threadBlock.isThreadEnding) {
-        giveBackRest();
-    }
-    return block.works[0];
+    threadBlock = {&freeBlocks.take(), 1};
+    atThreadEnd<&giveBackRest>(&threadBlock);
+    return threadBlock.block->works[0];
 }
 
 }  // namespace

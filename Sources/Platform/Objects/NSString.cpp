@@ -277,8 +277,13 @@ bool NSString::isEqualToString(const NSString* other) const noexcept {
     if (other == this) {
         return true;
     }
-    return other != nullptr && length_ == other->length_ &&
-           withTexts(*this, *other, [](auto a, auto b) { return equalTexts(a, b); });
+    if (other == nullptr || length_ != other->length_) {
+        return false;
+    }
+    if (wide_ == other->wide_) {
+        return length_ == 0 || std::memcmp(units_, other->units_, length_ << wide_) == 0;
+    }
+    return withTexts(*this, *other, [](auto a, auto b) { return equalTexts(a, b); });
 }
 
 /// Text hashes by its bytes, and wide text that is all ASCII, as mutable text can be, by the bytes

@@ -138,9 +138,12 @@ std::unique_ptr<Class::Tables> Class::resolve(const Class& cls) {
 const Class::Tables& Class::tables() const {
     const Tables* current = tables_.load(std::memory_order_acquire);
     if (current == nullptr) {
-        auto fresh = resolve(*this);
-        if (tables_.compare_exchange_strong(current, fresh.get(), std::memory_order_acq_rel)) {
-            current = fresh.release();
+        static std::recursive_mutex resolving;  // recursive: a class resolves its superclass first
+        const std::lock_guard guard(resolving);
+        current = tables_.load(std::memory_order_relaxed);
+        if (current == nullptr) {
+            current = resolve(*this).release();
+            tables_.store(current, std::memory_order_release);
         }
     }
     return *current;

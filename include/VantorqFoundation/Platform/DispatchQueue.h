@@ -145,23 +145,11 @@ public:
     std::invoke_result_t<F&> sync(F&& function) {
         using Result = std::invoke_result_t<F&>;
         if constexpr (std::is_void_v<Result>) {
-            runAndWait(
-                [](void* context) noexcept {
-                    std::invoke(*static_cast<std::remove_reference_t<F>*>(context));
-                },
-                address(function));
+            callAndWait([&] { std::invoke(function); });
         } else {
-            struct Call {
-                std::remove_reference_t<F>& function;
-                std::optional<Result> result;
-            } call{function, std::nullopt};
-            runAndWait(
-                [](void* context) noexcept {
-                    auto& self = *static_cast<Call*>(context);
-                    self.result.emplace(std::invoke(self.function));
-                },
-                &call);
-            return std::move(*call.result);
+            std::optional<Result> result;
+            callAndWait([&] { result.emplace(std::invoke(function)); });
+            return std::move(*result);
         }
     }
 
@@ -182,9 +170,9 @@ protected:
     virtual void runAndWait(void (*function)(void*) noexcept, void* context) = 0;
 
 private:
-    template <class T>
-    static void* address(T& object) noexcept {
-        return const_cast<void*>(static_cast<const void*>(std::addressof(object)));
+    template <class Call>
+    void callAndWait(Call call) {
+        runAndWait([](void* context) noexcept { (*static_cast<Call*>(context))(); }, &call);
     }
     void enqueueAfter(double seconds, detail::Work& work);
 

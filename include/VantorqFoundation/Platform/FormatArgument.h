@@ -16,8 +16,10 @@ namespace vantorq {
 /// A format string is text with conversions, each `%[n$][flags][width][.precision][length]type`
 /// (POSIX `fprintf`; flags `-+ #0`, `*` for width and precision), of type `@` (an object's
 /// description, "(null)" for nil), `d i u x X o c C s f F e E g G p` and `%%`. An integer is cut to
-/// the size that the length (`hh h l ll q j z t`) names, as C does. `C` is a UTF-16 unit, `s` UTF-8
-/// text. The decimal point is always ".".
+/// the size that the length (`hh h l ll q j z t`) names, and to 32 bits without one, as C does. `C`
+/// is a UTF-16 unit, `s` UTF-8 text; the precision of text counts UTF-16 units. The decimal point
+/// is always ".". Widths and precisions above 4,096 count as 4,096. What is no conversion is
+/// written as it stands.
 ///
 /// The argument knows its type, so a conversion cannot read what is not there: `%@` takes any
 /// argument and writes it plainly, an integer under a floating conversion (or the reverse) is

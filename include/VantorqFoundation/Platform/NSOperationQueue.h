@@ -72,6 +72,7 @@ private:
     void noteStarted(NSOperation& operation);
     void noteFinished(NSOperation& operation);
     void startReadyOperations();
+    void putBack(NSOperation& operation);
 
     std::unique_ptr<State> state_;
 };

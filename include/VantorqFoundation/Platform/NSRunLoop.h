@@ -99,7 +99,6 @@ public:
 
 private:
     friend class NSTimer;
-    struct Thread;
     struct State;
     enum class Ending { nothingToWaitFor, inputHandled, stopped, waitOver };
 
@@ -107,6 +106,7 @@ private:
     ~NSRunLoop() override;
 
     void removeTimer(const NSTimer& timer);
+    static void threadEnded(void*);
     void close();
     Ending turn(const NSString& mode, std::int64_t deadline);
     bool pass(const NSString& mode);

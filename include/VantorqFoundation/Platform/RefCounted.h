@@ -9,15 +9,17 @@
 #include <type_traits>
 #include <utility>
 
-#if __has_include(<sys/single_threaded.h>)
-#include <sys/single_threaded.h>
+#include "Export.h"
+#include "Trap.h"
+
+// glibc's word for "no other thread has been started"; its header is not one of the standard
+// library.
+#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
+extern "C" char __libc_single_threaded;
 #define VNTQ_SINGLE_THREADED (__libc_single_threaded != 0)
 #else
 #define VNTQ_SINGLE_THREADED false
 #endif
-
-#include "Export.h"
-#include "Trap.h"
 
 /// Shared ownership for every reference type of the library.
 ///

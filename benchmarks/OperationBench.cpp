@@ -1,0 +1,284 @@
+#include <algorithm>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <malloc.h>
+#include <utility>
+#include <vector>
+
+#include <QFuture>
+#include <QtConcurrentRun>
+#include <benchmark/benchmark.h>
+
+#include <VantorqFoundation/VantorqFoundation.h>
+
+#include "AllocationCount.h"
+#include "Countdown.h"
+
+namespace {
+
+using namespace vantorq;
+
+/// Ends with its number, from within `main`.
+class NumberOperation final : public VNTQOperation {
+    VNTQ_OBJECT(NumberOperation, VNTQOperation)
+public:
+    NumberOperation() = default;
+    explicit NumberOperation(int number) : number_(number) {}
+
+    void main() override { completeWithSuccess(NSNumber::number(number_)); }
+
+private:
+    int number_ = 0;
+};
+
+/// Ends with its number, from a block that `main` has queued.
+class LateOperation final : public VNTQOperation {
+    VNTQ_OBJECT(LateOperation, VNTQOperation)
+public:
+    LateOperation() = default;
+    explicit LateOperation(int number) : number_(number) {}
+
+    /// Static, because an operation may be delivered before it gets to arming its timer.
+    static constinit inline std::atomic<int> armedTimers{0};
+
+    void main() override {
+        executionQueue()->async([self = Ref<LateOperation>(this)] {
+            self->completeWithSuccess(NSNumber::number(self->number_));
+        });
+    }
+
+    void scheduleTimer(double seconds) override {
+        armedTimers.fetch_add(1, std::memory_order_relaxed);
+        VNTQOperation::scheduleTimer(seconds);
+    }
+
+private:
+    int number_ = 0;
+};
+
+/// Ends with an object that it is given, without queues.
+class InlineOperation final : public VNTQOperation {
+    VNTQ_OBJECT(InlineOperation, VNTQOperation)
+public:
+    InlineOperation() = default;
+    explicit InlineOperation(NSObject* value) : value_(value) {}
+
+    void main() override { completeWithSuccess(id(value_)); }
+
+private:
+    NSObject* value_ = nullptr;
+};
+
+VNTQ_DEFINE_CLASS(NumberOperation, {})
+VNTQ_DEFINE_CLASS(LateOperation, {})
+VNTQ_DEFINE_CLASS(InlineOperation, {})
+
+int numberIn(const VNTQResult* result) {
+    const auto* number = result != nullptr ? objectCast<NSNumber>(result->value().get()) : nullptr;
+    return number != nullptr ? number->intValue() : -1;
+}
+
+// Many operations at a time, each with its work and one callback on the thread pool. The time is
+// that of one operation, from the first start to the last callback.
+
+constexpr int kBatch = 10'000;
+
+/// What the callbacks have been given.
+struct Deliveries {
+    Countdown countdown;
+    std::atomic<std::int64_t> sum{0};
+
+    void receive(int number) noexcept {
+        sum.fetch_add(number, std::memory_order_relaxed);
+        countdown.countDown();
+    }
+};
+
+/// `startOne(number, deliveries)` for each of a batch, until all have been delivered.
+template <class StartOne>
+void runInBatches(benchmark::State& state, int batch, StartOne startOne) {
+    static Deliveries deliveries;
+    deliveries.sum = 0;
+    std::int64_t expected = 0;
+    while (state.KeepRunningBatch(batch)) {
+        deliveries.countdown.start(batch);
+        for (int number = 0; number < batch; ++number) {
+            startOne(number + 1, deliveries);
+            expected += number + 1;
+        }
+        deliveries.countdown.wait();
+    }
+    if (deliveries.sum != expected) {
+        state.SkipWithError("the sum of what was delivered is wrong");
+    }
+}
+
+void startOnGlobalQueue(VNTQOperation& operation, const Ref<DispatchQueue>& queue,
+                        Deliveries& deliveries) {
+    operation.setExecutionQueue(queue);
+    operation.setResultQueue(queue);
+    operation.onResult([&deliveries](VNTQResult* result) { deliveries.receive(numberIn(result)); });
+    operation.start();
+}
+
+void runOperations(benchmark::State& state, int batch) {
+    const auto queue = DispatchQueue::global();
+    runInBatches(state, batch, [&](int number, Deliveries& deliveries) {
+        startOnGlobalQueue(*make<NumberOperation>(number), queue, deliveries);
+    });
+}
+
+void runOperationsByBlock(benchmark::State& state) {
+    const auto queue = DispatchQueue::global();
+    runInBatches(state, kBatch, [&](int number, Deliveries& deliveries) {
+        const auto operation =
+            VNTQBlockOperation::operationWithExecution([number](VNTQBlockOperation* self) {
+                self->completeWithSuccess(NSNumber::number(number));
+            });
+        startOnGlobalQueue(*operation, queue, deliveries);
+    });
+}
+
+/// The callback runs wherever the work has ended.
+void runFutures(benchmark::State& state, int batch) {
+    runInBatches(state, batch, [](int number, Deliveries& deliveries) {
+        QtConcurrent::run([number] { return number; }).then([&deliveries](int result) {
+            deliveries.receive(result);
+        });
+    });
+}
+
+/// The callback goes through the pool, as ours does.
+void runFuturesAsync(benchmark::State& state, int batch) {
+    runInBatches(state, batch, [](int number, Deliveries& deliveries) {
+        QtConcurrent::run([number] {
+            return number;
+        }).then(QtFuture::Launch::Async, [&deliveries](int result) { deliveries.receive(result); });
+    });
+}
+
+BENCHMARK_CAPTURE(runOperations, many, kBatch)->Name("operation on queues/ours")->UseRealTime();
+BENCHMARK_CAPTURE(runFutures, many, kBatch)
+    ->Name("operation on queues/QtConcurrent::run.then")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(runFuturesAsync, many, kBatch)
+    ->Name("operation on queues/QtConcurrent::run.then Async")
+    ->UseRealTime();
+BENCHMARK(runOperationsByBlock)->Name("operation with a block on queues/ours")->UseRealTime();
+
+BENCHMARK_CAPTURE(runOperations, one, 1)
+    ->Name("operation on queues, one at a time/ours")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(runFutures, one, 1)
+    ->Name("operation on queues, one at a time/QtConcurrent::run.then")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(runFuturesAsync, one, 1)
+    ->Name("operation on queues, one at a time/QtConcurrent::run.then Async")
+    ->UseRealTime();
+
+// Operations that still execute when `main` has returned, so that a time-out is armed and disarmed.
+
+void runLateOperations(benchmark::State& state, double timeout) {
+    const auto queue = DispatchQueue::global();
+    LateOperation::armedTimers = 0;
+    runInBatches(state, kBatch, [&](int number, Deliveries& deliveries) {
+        const auto operation = make<LateOperation>(number);
+        operation->setTimeoutInterval(timeout);
+        startOnGlobalQueue(*operation, queue, deliveries);
+    });
+    state.counters["armed"] =
+        benchmark::Counter(LateOperation::armedTimers, benchmark::Counter::kAvgIterations);
+}
+BENCHMARK_CAPTURE(runLateOperations, without, 0)
+    ->Name("operation that outlasts main/ours")
+    ->UseRealTime();
+BENCHMARK_CAPTURE(runLateOperations, with, 30)
+    ->Name("operation that outlasts main, with a time-out/ours")
+    ->UseRealTime();
+
+// The bare operation.
+
+void runInline(benchmark::State& state) {
+    const id value = NSNumber::number(42);
+    std::int64_t sum = 0;
+    const std::uint64_t allocationsBefore = allocationCount();
+    for (auto _ : state) {
+        const auto operation = make<InlineOperation>(value.get());
+        operation->setExplicitResultDispatch(true);
+        operation->onResult([&sum](VNTQResult* result) { sum += numberIn(result); });
+        operation->start();
+    }
+    state.counters["allocs"] =
+        benchmark::Counter(static_cast<double>(allocationCount() - allocationsBefore),
+                           benchmark::Counter::kAvgIterations);
+    if (sum != 42 * static_cast<std::int64_t>(state.iterations())) {
+        state.SkipWithError("not every result has been delivered");
+    }
+}
+BENCHMARK(runInline)->Name("operation without queues/ours");
+
+// Memory of operations that wait.
+
+constexpr int kPending = 100'000;
+
+double mebibytesInUse() {
+    const auto usage = mallinfo2();
+    return static_cast<double>(usage.uordblks + usage.hblkhd) / (1024.0 * 1024.0);
+}
+
+/// Measures `kPending` operations with a callback each, between their making and their end; in
+/// `queue` if there is one. What the library keeps for later use is new to the first run only, so
+/// the largest figure counts.
+void holdPending(benchmark::State& state, double& largest, NSOperationQueue* queue) {
+    static Deliveries deliveries;
+    while (state.KeepRunningBatch(kPending)) {
+        std::vector<Ref<NumberOperation>> operations;
+        operations.reserve(kPending);
+        deliveries.countdown.start(kPending);
+        const double before = mebibytesInUse();
+        for (int number = 0; number < kPending; ++number) {
+            auto operation = make<NumberOperation>(number);
+            operation->setExplicitResultDispatch(true);
+            operation->onResult([receiver = &deliveries](VNTQResult* result) {
+                receiver->receive(numberIn(result));
+            });
+            if (queue != nullptr) {
+                queue->addOperation(*operation);
+            }
+            operations.push_back(std::move(operation));
+        }
+        largest = std::max(largest, mebibytesInUse() - before);
+
+        state.PauseTiming();
+        for (const auto& operation : operations) {
+            operation->cancel();
+            if (queue == nullptr) {
+                operation->start();
+            }
+        }
+        if (queue != nullptr) {
+            queue->setSuspended(false);
+        }
+        deliveries.countdown.wait();
+        operations.clear();
+        state.ResumeTiming();
+    }
+    state.counters["MiB"] = largest;
+}
+
+void holdUnqueued(benchmark::State& state) {
+    static double largest = 0;
+    holdPending(state, largest, nullptr);
+}
+BENCHMARK(holdUnqueued)->Name("100,000 pending operations/ours")->Iterations(kPending);
+
+void holdQueued(benchmark::State& state) {
+    static double largest = 0;
+    const auto queue = make<NSOperationQueue>();
+    queue->setSuspended(true);
+    holdPending(state, largest, queue.get());
+}
+BENCHMARK(holdQueued)->Name("100,000 pending operations in a queue/ours")->Iterations(kPending);
+
+}  // namespace

@@ -1,0 +1,175 @@
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <latch>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "VantorqFoundation/Platform/RefCounted.h"
+
+namespace vantorq {
+namespace {
+
+constexpr int kThreads = 4;
+
+/// Counts the living, and can tell whether it is one of them.
+class Thing final : public RefCounted {
+public:
+    explicit Thing(std::atomic<int>& living) : living_(living) { ++living_; }
+
+    bool isAlive() const { return mark_ == kAlive; }
+    using RefCounted::attachment;
+    using RefCounted::setAttachmentOnce;
+
+private:
+    static constexpr std::uint64_t kAlive = 0xA11FE;
+
+    ~Thing() override {
+        mark_ = 0;
+        --living_;
+    }
+
+    std::atomic<int>& living_;
+    std::uint64_t mark_ = kAlive;
+};
+
+/// Runs `work(thread number)` on several threads that begin together.
+template <class Work>
+void together(Work work) {
+    std::latch start(kThreads);
+    std::vector<std::jthread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&start, &work, t] {
+            start.arrive_and_wait();
+            work(t);
+        });
+    }
+}
+
+TEST(RefCountedStress, AnObjectSharedByManyThreadsIsDestroyedOnceByTheLast) {
+    std::atomic<int> living{0};
+    for (int round = 0; round < 200; ++round) {
+        std::array<Ref<Thing>, kThreads> owners;
+        owners.fill(make<Thing>(living));
+        together([&](int t) {
+            Ref<Thing> mine = std::move(owners[static_cast<std::size_t>(t)]);
+            for (int n = 0; n < 100; ++n) {
+                const Ref<Thing> copy = mine;
+                ASSERT_TRUE(copy->isAlive());
+            }
+            mine.reset();
+        });
+        ASSERT_EQ(living, 0);
+    }
+}
+
+TEST(RefCountedStress, AWeakLoadThatRacesWithTheLastReleaseGivesTheLivingObjectOrNothing) {
+    std::atomic<int> living{0};
+    std::atomic<int> misses{0};
+    for (int round = 0; round < 500; ++round) {
+        auto owner = make<Thing>(living);
+        const Weak<Thing> weak(owner);
+        together([&](int t) {
+            if (t == 0) {
+                owner.reset();
+                return;
+            }
+            for (int n = 0; n < 20; ++n) {
+                if (const auto loaded = weak.load()) {
+                    ASSERT_TRUE(loaded->isAlive());
+                } else {
+                    ++misses;
+                }
+            }
+        });
+        ASSERT_EQ(weak.load(), nullptr);
+        ASSERT_EQ(living, 0);
+    }
+    EXPECT_GT(misses, 0);
+}
+
+TEST(RefCountedStress, TheFirstWeakHandlesOfAnObjectMayBeMadeAtOnce) {
+    std::atomic<int> living{0};
+    for (int round = 0; round < 500; ++round) {
+        const auto owner = make<Thing>(living);
+        std::array<Weak<Thing>, kThreads> handles;
+        together([&](int t) { handles[static_cast<std::size_t>(t)] = Weak<Thing>(owner); });
+        for (const auto& handle : handles) {
+            ASSERT_TRUE(handle.refersToSameObjectAs(handles[0]));
+            ASSERT_EQ(handle.load(), owner);
+        }
+    }
+    EXPECT_EQ(living, 0);
+}
+
+TEST(RefCountedStress, OneOfManyAttachmentsWinsAndAllAreDestroyed) {
+    std::atomic<int> living{0};
+    for (int round = 0; round < 500; ++round) {
+        auto owner = make<Thing>(living);
+        std::array<RefCounted*, kThreads> winners{};
+        together([&](int t) {
+            winners[static_cast<std::size_t>(t)] =
+                owner->setAttachmentOnce(make<Thing>(living).get());
+        });
+        for (const RefCounted* winner : winners) {
+            ASSERT_EQ(winner, owner->attachment());
+        }
+        ASSERT_EQ(living, 2);
+        owner.reset();
+        ASSERT_EQ(living, 0);
+    }
+}
+
+TEST(RefCountedStress, WeakHandlesOfShortLivedObjectsNeverMeetAnotherObject) {
+    std::atomic<int> living{0};
+    std::array<std::atomic<int>, kThreads> wrong{};
+    together([&](int t) {
+        std::vector<std::pair<Weak<Thing>, Thing*>> kept;
+        for (int n = 0; n < 20'000; ++n) {
+            auto thing = make<Thing>(living);
+            kept.emplace_back(Weak<Thing>(thing), thing.get());
+            if (kept.back().first.load() != thing) {
+                ++wrong[static_cast<std::size_t>(t)];
+            }
+            thing.reset();
+            if (kept.size() == 16) {
+                for (const auto& [weak, identity] : kept) {
+                    if (weak.load() != nullptr) {
+                        ++wrong[static_cast<std::size_t>(t)];
+                    }
+                }
+                kept.clear();
+            }
+        }
+    });
+    for (const auto& count : wrong) {
+        EXPECT_EQ(count, 0);
+    }
+    EXPECT_EQ(living, 0);
+}
+
+TEST(RefCountedStress, AnAtomicRefIsReadAndReplacedByManyThreads) {
+    std::atomic<int> living{0};
+    {
+        AtomicRef<Thing> shared;
+        together([&](int t) {
+            for (int n = 0; n < 100'000; ++n) {
+                if (t % 2 == 0) {
+                    if (const auto loaded = shared.load()) {
+                        ASSERT_TRUE(loaded->isAlive());
+                    }
+                } else if (n % 3 == 0) {
+                    shared.store(nullptr);
+                } else if (const auto old = shared.exchange(make<Thing>(living))) {
+                    ASSERT_TRUE(old->isAlive());
+                }
+            }
+        });
+    }
+    EXPECT_EQ(living, 0);
+}
+
+}  // namespace
+}  // namespace vantorq
