@@ -40,7 +40,7 @@ public:
     explicit LateOperation(int number) : number_(number) {}
 
     /// Static, because an operation may be delivered before it gets to arming its timer.
-    static constinit inline std::atomic<int> armedTimers{0};
+    static inline constinit std::atomic<int> armedTimers{0};
 
     void main() override {
         executionQueue()->async([self = Ref<LateOperation>(this)] {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -61,6 +62,9 @@ public:
 protected:
     ~ProbeOperation() override { --liveCount; }
 };
+
+/// The seconds that a time-out error's text names, or nothing when the text is not as it should be.
+std::optional<double> secondsInTimeoutText(const VNTQOperation& operation);
 
 /// Waits for something that other threads bring about; false after half a minute without it.
 template <class Condition>
