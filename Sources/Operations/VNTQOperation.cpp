@@ -1,6 +1,5 @@
 #include "VantorqFoundation/VNTQOperation.h"
 
-#include <array>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -53,18 +52,24 @@ void VNTQOperation::start() {
     }
     const double startDate = NSDate::now();
     startDate_ = startDate;
-    if (isOver()) {
+    bool isToExecute = !isOver();
+    if (isToExecute) {
+        willChangeValueForKey(operation_keys::isExecuting);
+        isToExecute = !isOver();  // an observer may have ended the operation
+        if (isToExecute) {
+            moveDeadline(startDate);
+            executing_ = true;
+        }
+        didChangeValueForKey(operation_keys::isExecuting);
+    }
+    if (!isToExecute) {
         willChangeValueForKey(operation_keys::isFinished);
         finished_ = true;
         didChangeValueForKey(operation_keys::isFinished);
         lock.unlock();
-        didFinishWithResult(isCancelled() ? nullptr : result_.load());
+        didFinishWithResult(result_.load());
         return;
     }
-    willChangeValueForKey(operation_keys::isExecuting);
-    moveDeadline(startDate);
-    executing_ = true;
-    didChangeValueForKey(operation_keys::isExecuting);
     lock.unlock();
 
     if (const auto queue = executionQueue_.load()) {
@@ -74,22 +79,40 @@ void VNTQOperation::start() {
     }
 }
 
+Ref<NSDate> VNTQOperation::timeoutDate() const {
+    if (auto date = timeoutDate_.load()) {
+        return date;
+    }
+    const double deadline = deadline_;
+    return std::isnan(deadline) ? nullptr
+                                : NSDate::dateWithTimeIntervalSinceReferenceDate(deadline);
+}
+
+void VNTQOperation::setTimeoutDate(const Ref<NSDate>& date) {
+    if (date == nullptr) {
+        deadline_ = kNever;
+    } else {
+        // A date that is not a number has always passed.
+        const double deadline = date->timeIntervalSinceReferenceDate();
+        deadline_ = std::isnan(deadline) ? -std::numeric_limits<double>::infinity() : deadline;
+    }
+    timeoutDate_.store(date);
+}
+
 /// The interval counts from the start; a deadline that was set further ahead stays.
 void VNTQOperation::moveDeadline(double startDate) {
     const double interval = timeoutInterval_;
     if (!(interval > 0)) {
         return;
     }
-    const auto date = timeoutDate_.load();
-    const double untilDate =
-        date != nullptr ? date->timeIntervalSinceReferenceDate() - NSDate::now() : 0;
-    timeoutDate_.store(NSDate::dateWithTimeIntervalSinceReferenceDate(
-        startDate + (untilDate > interval ? untilDate : interval)));
+    const double untilDate = std::isnan(deadline_) ? 0 : deadline_ - NSDate::now();
+    deadline_ = startDate + (untilDate > interval ? untilDate : interval);
+    timeoutDate_.store(nullptr);
 }
 
 double VNTQOperation::timeRemaining() const {
-    if (const auto deadline = timeoutDate_.load()) {
-        const double left = deadline->timeIntervalSinceReferenceDate() - NSDate::now();
+    if (const double deadline = deadline_; !std::isnan(deadline)) {
+        const double left = deadline - NSDate::now();
         return left > 0 ? left : 0;
     }
     const double interval = timeoutInterval_;
@@ -99,8 +122,14 @@ double VNTQOperation::timeRemaining() const {
     return finished_ ? 0 : std::numeric_limits<double>::infinity();
 }
 
+bool VNTQOperation::isStillExecuting() const {
+    const std::lock_guard guard(lock_);
+    return executing_;
+}
+
 void VNTQOperation::execute() {
-    if (!executing_) {
+    const Ref<VNTQOperation> alive(this);
+    if (!isStillExecuting()) {
         return;
     }
     if (!(timeRemaining() > 0)) {
@@ -108,7 +137,7 @@ void VNTQOperation::execute() {
         return;
     }
     main();
-    if (!executing_) {
+    if (!isStillExecuting()) {
         return;
     }
     const double left = timeRemaining();
@@ -133,13 +162,13 @@ void VNTQOperation::scheduleTimer(double seconds) {
     auto queue = executionQueue_.load();
     const auto timer =
         make<DispatchTimer>(queue != nullptr ? std::move(queue) : DispatchQueue::global());
-    setInvalidateTimer([timer] { timer->cancel(); });
     timer->setEventHandler([weakSelf = Weak<VNTQOperation>(this)] {
         if (const auto self = weakSelf.load()) {
             self->invalidateTimerIfNeeded();
             self->completeWithTimeout();
         }
     });
+    setInvalidateTimer([timer] { timer->cancel(); });
     const std::uint64_t delay = nanoseconds(seconds);
     timer->schedule(delay, delay / 10);
     timer->resume();
@@ -163,16 +192,18 @@ void VNTQOperation::completeWithResult(const Ref<VNTQResult>& result) {
         return;
     }
     if (executing_) {
-        announceExecutionEnd(&result);
+        const bool isEnded = announceExecutionEnd(&result);
         lock.unlock();
-        invalidateTimerIfNeeded();
-        didFinishWithResult(result);
+        if (isEnded) {
+            invalidateTimerIfNeeded();
+            didFinishWithResult(result);
+        }
         return;
     }
     // Completed before the start: nothing is announced but readiness, so that a queue starts the
     // operation, which then announces the end and delivers.
-    finished_ = true;
     result_.store(result);
+    finished_ = true;
     if (!isReady()) {
         willChangeValueForKey(operation_keys::isReady);
         forcedReady_ = true;
@@ -191,24 +222,31 @@ void VNTQOperation::cancel() {
     }
     NSOperation::cancel();
     if (executing_) {
-        announceExecutionEnd(nullptr);
+        const bool isEnded = announceExecutionEnd(nullptr);
         lock.unlock();
-        invalidateTimerIfNeeded();
-        didFinishWithResult(nullptr);
+        if (isEnded) {
+            invalidateTimerIfNeeded();
+            didFinishWithResult(nullptr);
+        }
     }
 }
 
-/// From executing to finished, under the lock; a cancelled operation has no result.
-void VNTQOperation::announceExecutionEnd(const Ref<VNTQResult>* result) {
+/// From executing to finished, under the lock; a cancelled operation has no result. False when an
+/// observer that was told of the end brought about another one first.
+bool VNTQOperation::announceExecutionEnd(const Ref<VNTQResult>* result) {
     willChangeValueForKey(operation_keys::isExecuting);
     willChangeValueForKey(operation_keys::isFinished);
-    executing_ = false;
-    finished_ = true;
-    if (result != nullptr) {
-        result_.store(*result);
+    const bool isEnded = executing_;
+    if (isEnded) {
+        if (result != nullptr) {
+            result_.store(*result);
+        }
+        executing_ = false;
+        finished_ = true;
     }
     didChangeValueForKey(operation_keys::isExecuting);
     didChangeValueForKey(operation_keys::isFinished);
+    return isEnded;
 }
 
 void VNTQOperation::completeWithSuccess(const id& value) {
@@ -267,11 +305,12 @@ Ref<VNTQOperation> VNTQOperation::onResult(ResultCallback callback) {
     if (!callback) {
         VNTQ_TRAP("VNTQOperation: an empty callback was registered");
     }
+    const Ref<VNTQOperation> self(this);
     std::unique_lock lock(lock_);
     const bool waits = !isOver();
     lock.unlock();
     if (waits && CallbackList::append(callbacks_, callback.object())) {
-        return *this;
+        return self;
     }
     const auto result = result_.load();  // nil when cancelled
     if (const auto queue = callbackQueue()) {
@@ -279,7 +318,7 @@ Ref<VNTQOperation> VNTQOperation::onResult(ResultCallback callback) {
     } else {
         callback(result.get());
     }
-    return *this;
+    return self;
 }
 
 Ref<VNTQOperation> VNTQOperation::onCompletion(Callback callback) {

@@ -1,7 +1,5 @@
 #include "VantorqFoundation/VNTQRunLoopOperation.h"
 
-#include <utility>
-
 #include "VantorqFoundation/Platform/Class.h"
 #include "VantorqFoundation/Platform/NSTimer.h"
 
@@ -54,6 +52,7 @@ void VNTQRunLoopOperation::execute() {
 }
 
 void VNTQRunLoopOperation::scheduleTimer(double seconds) {
+    const Ref<VNTQRunLoopOperation> alive(this);
     const auto timer = NSTimer::timerWithTimeInterval(
         seconds, false, [weakSelf = Weak<VNTQRunLoopOperation>(this)](NSTimer*) {
             if (const auto self = weakSelf.load()) {

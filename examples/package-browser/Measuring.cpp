@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <VantorqFoundation/VantorqFoundation.h>
@@ -20,10 +23,11 @@ namespace {
 using Outcome = MeasuredPackage::Outcome;
 
 constexpr double kSecondsBetweenProgress = 0.1;
+constexpr NSInteger kTimeoutErrorCode = 1;  // in the library's domain
 
 bool isTimeout(const NSObject& object) {
     const auto* error = objectCast<NSError>(&object);
-    return error != nullptr && error->code() == 1 &&
+    return error != nullptr && error->code() == kTimeoutErrorCode &&
            error->domain()->isEqualToString(&VNTQFoundationErrorDomain);
 }
 

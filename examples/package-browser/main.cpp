@@ -1,7 +1,6 @@
 // A client for the machine's own package database: what is installed, by section, and how much of
 // the disk it takes. See usage() in Options.cpp.
 
-#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -12,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <VantorqFoundation/VantorqFoundation.h>

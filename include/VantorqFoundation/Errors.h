@@ -65,7 +65,7 @@ template <class... Args>
 [[nodiscard]] VNTQ_EXPORT Ref<NSString> vntq_shortDomainForError(const NSError& error);
 
 /// A compact code to show to users and to find in reports: "NSURL:1001;", or, when the error has an
-/// underlying one with another code, both: "VNTQF:1;NSURL:1001;". Codes stand without their sign;
+/// underlying one with another code, both: "com.v:1;NSURL:1001;". Codes stand without their sign;
 /// the underlying error's own cause is not visited.
 [[nodiscard]] VNTQ_EXPORT Ref<NSString> vntq_UserFacingErrorcode(const NSError& error);
 

@@ -72,8 +72,8 @@ public:
     void setTimeoutInterval(double seconds) noexcept { timeoutInterval_ = seconds; }
     /// The deadline, or nil. With a time-out interval, `start` moves it to the later of the start
     /// plus the interval and the date that was set.
-    [[nodiscard]] Ref<NSDate> timeoutDate() const { return timeoutDate_.load(); }
-    void setTimeoutDate(const Ref<NSDate>& date) { timeoutDate_.store(date); }
+    [[nodiscard]] Ref<NSDate> timeoutDate() const;
+    void setTimeoutDate(const Ref<NSDate>& date);
     /// What disarms the armed time-out timer; empty when none is armed.
     [[nodiscard]] Callback invalidateTimer() const {
         return Callback::adopt(invalidateTimer_.load());
@@ -112,10 +112,10 @@ public:
     // Completing.
 
     virtual void completeWithResult(const Ref<VNTQResult>& result);
-    void completeWithSuccess(const id& value);
+    virtual void completeWithSuccess(const id& value);
     /// With the shared success.
     void completeWithSuccess();
-    void completeWithFailure(const id& error);
+    virtual void completeWithFailure(const id& error);
     /// With the shared failure.
     void completeWithFailure();
     /// Fails with code 1 of `VNTQFoundationErrorDomain`, unless finished or cancelled.
@@ -123,10 +123,10 @@ public:
     /// Delivers to the registered callbacks. Called once per end, overridable; nil when cancelled.
     virtual void didFinishWithResult(const Ref<VNTQResult>& result);
 
-    // Callbacks. Each returns the operation, for chaining. An empty callback traps where one is
-    // required, and is left out where two are given.
+    // Callbacks. Each returns the operation, for chaining. An empty callback traps in `onResult`
+    // and `onCompletion`, and is left out in the others, which go through `onResult`.
 
-    Ref<VNTQOperation> onResult(ResultCallback callback);
+    virtual Ref<VNTQOperation> onResult(ResultCallback callback);
     /// Called at every end, cancellation included.
     Ref<VNTQOperation> onCompletion(Callback callback);
     /// One of the two is called with the value or the error; neither when cancelled.
@@ -147,17 +147,20 @@ private:
     [[nodiscard]] bool hasStarted() const noexcept { return !std::isnan(startDate_.load()); }
     [[nodiscard]] bool isOver() const { return finished_ || isCancelled(); }
     [[nodiscard]] Ref<DispatchQueue> callbackQueue() const;
+    [[nodiscard]] bool isStillExecuting() const;
     void moveDeadline(double startDate);
-    void announceExecutionEnd(const Ref<VNTQResult>* result);
+    bool announceExecutionEnd(const Ref<VNTQResult>* result);
 
-    // Flags, start date and result change under the lock and may be read without it.
+    // Flags, start date and result change under the lock, the result before the flag that tells of
+    // it, and may be read without it.
     mutable RecursiveLock lock_;
     std::atomic<double> startDate_{kNever};  // seconds since the reference date
     std::atomic<double> timeoutInterval_{0};
+    std::atomic<double> deadline_{kNever};      // likewise
     std::atomic<std::uintptr_t> callbacks_{0};  // a CallbackList
     AtomicRef<DispatchQueue> executionQueue_;
     AtomicRef<DispatchQueue> resultQueue_;
-    AtomicRef<NSDate> timeoutDate_;
+    AtomicRef<NSDate> timeoutDate_;  // the date that was set; nil when the deadline was computed
     AtomicRef<NSBlock> invalidateTimer_;
     AtomicRef<VNTQResult> result_;
     std::atomic<bool> finished_{false};

@@ -1,12 +1,15 @@
 #include "VantorqFoundation/VNTQOperation.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <latch>
 #include <limits>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -147,6 +150,49 @@ TEST(OperationStart, AnnouncesExecutingAroundTheFlag) {
     const auto log = observeAll(*operation);
     operation->start();
     EXPECT_EQ(log->entries, (Log{"will isExecuting", "did isExecuting"}));
+    EXPECT_EQ(log->states, (Log{"---", "E--"}));
+}
+
+TEST(OperationStart, DoesNothingTheSecondTimeAfterAnEndBeforeTheFirst) {
+    for (const bool cancels : {false, true}) {
+        const auto operation = inlineOperation();
+        if (cancels) {
+            operation->cancel();
+        } else {
+            operation->completeWithSuccess();
+        }
+        operation->start();
+        const auto log = observeAll(*operation);
+        operation->start();
+        EXPECT_EQ(log->entries, Log());
+    }
+}
+
+/// Does something to an operation when it is told, ahead of the change, that a key changes.
+class Meddler : public NSObject {
+public:
+    explicit Meddler(std::function<void(VNTQOperation&)> act) : act_(std::move(act)) {}
+    void observeValueForKeyPath(const NSString&, NSObject& object, const KeyValueChange& change,
+                                void*) override {
+        if (change.isPrior && act_ != nullptr) {
+            std::exchange(act_, nullptr)(static_cast<VNTQOperation&>(object));
+        }
+    }
+
+private:
+    std::function<void(VNTQOperation&)> act_;
+};
+
+TEST(OperationStart, FinishesAnOperationThatAnObserverOfTheStartCancels) {
+    const auto meddler = make<Meddler>([](VNTQOperation& operation) { operation.cancel(); });
+    const auto operation = inlineOperation();
+    int deliveries = 0;
+    operation->onCompletion([&] { ++deliveries; });
+    operation->addObserver(*meddler, operation_keys::isExecuting, KeyValueObservingOptions::prior);
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_TRUE(operation->isFinished());
+    EXPECT_EQ(deliveries, 1);
 }
 
 TEST(OperationStart, IgnoresUnfinishedDependenciesWhenDoneByHand) {
@@ -437,9 +483,23 @@ TEST(OperationCompletion, AnnouncesBothKeysTogetherAndStoresTheResultBetween) {
     operation->completeWithResult(result);
     EXPECT_EQ(log->entries,
               (Log{"will isExecuting", "will isFinished", "did isExecuting", "did isFinished"}));
+    EXPECT_EQ(log->states, (Log{"E--", "E--", "-FR", "-FR"}));
     EXPECT_EQ(operation->result(), result);
     EXPECT_TRUE(operation->isFinished());
     EXPECT_FALSE(operation->isExecuting());
+}
+
+TEST(OperationCompletion, ByAnObserverOfAnotherOneCountsAsTheFirst) {
+    const auto meddler =
+        make<Meddler>([](VNTQOperation& operation) { operation.completeWithFailure(); });
+    const auto operation = inlineOperation();
+    int deliveries = 0;
+    operation->onCompletion([&] { ++deliveries; });
+    operation->start();
+    operation->addObserver(*meddler, operation_keys::isFinished, KeyValueObservingOptions::prior);
+    operation->completeWithSuccess();
+    EXPECT_EQ(operation->result(), VNTQResult::failure());
+    EXPECT_EQ(deliveries, 1);
 }
 
 TEST(OperationCompletion, HasItsForms) {
@@ -682,6 +742,33 @@ TEST(OperationCallbacks, RunInTheOrderOfTheirRegistration) {
     operation->completeWithSuccess();
     ASSERT_EQ(order.size(), 40U);
     EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+TEST(OperationCallbacks, RunInTheirOrderOnAConcurrentQueueToo) {
+    constexpr int kCallbacks = 200;
+    std::latch delivered(kCallbacks);
+    std::vector<int> order;  // one block calls them all, so nothing else writes here
+    const auto operation = make<ProbeOperation>();
+    for (int i = 0; i < kCallbacks; ++i) {
+        operation->onResult([&, i](VNTQResult*) {
+            order.push_back(i);
+            delivered.count_down();
+        });
+    }
+    operation->start();
+    operation->completeWithSuccess();
+    delivered.wait();
+    EXPECT_TRUE(std::ranges::is_sorted(order));
+}
+
+TEST(OperationCallbacks, MayLetGoOfTheOperationThatCallsThem) {
+    auto operation = inlineOperation();
+    operation->start();
+    operation->completeWithSuccess();
+    ProbeOperation* const raw = operation.get();
+    raw->onCompletion([&] { operation = nullptr; });
+    EXPECT_EQ(operation, nullptr);
+    EXPECT_EQ(ProbeOperation::liveCount, 0);
 }
 
 TEST(OperationCallbacks, GetTheResultThatWasGiven) {
@@ -963,6 +1050,47 @@ TEST(OperationMessages, DriveAnOperationByNameAlone) {
     EXPECT_EQ(completions, 2);
     EXPECT_TRUE(send<bool>(operation, "isFinished"_sel));
     EXPECT_EQ(send<Ref<VNTQResult>>(operation, "result"_sel)->value(), id("value"_ns));
+}
+
+TEST(OperationMessages, OfOneShapeReachTheirOwnTwins) {
+    const auto operation = make<ProbeOperation>();
+    const id object = operation;
+    std::string called;
+    send<void>(object, "setExplicitResultDispatch:"_sel, true);
+    send<id>(object, "onSuccess:"_sel, [&] { called += "S"; });
+    send<id>(object, "onFailure:"_sel, [&] { called += "F"; });
+    send<id>(object, "onValue:"_sel, [&](NSObject*) { called += "V"; });
+    send<id>(object, "onError:"_sel, [&](NSObject*) { called += "E"; });
+    send<id>(
+        object, "onValue:orError:"_sel, [&](NSObject*) { called += "v"; },
+        [&](NSObject*) { called += "e"; });
+    send<id>(object, "onSuccess:orFailure:"_sel, [&] { called += "s"; }, [&] { called += "f"; });
+    send<void>(object, "execute"_sel);
+    EXPECT_EQ(operation->mainCalls, 0);  // not started, so there is nothing to execute
+    send<void>(object, "main"_sel);
+    EXPECT_EQ(operation->mainCalls, 1);
+    send<void>(object, "start"_sel);
+    send<void>(object, "completeWithFailure:"_sel, "reason"_ns);
+    EXPECT_EQ(called, "FEef");
+    EXPECT_EQ(operation->result()->error(), id("reason"_ns));
+}
+
+TEST(OperationMessages, CompleteInEachForm) {
+    const auto resultOf = [](auto selector) {
+        const auto operation = inlineOperation();
+        operation->start();
+        send<void>(operation, selector);
+        return operation->result();
+    };
+    EXPECT_EQ(resultOf("completeWithSuccess"_sel), VNTQResult::success());
+    EXPECT_EQ(resultOf("completeWithFailure"_sel), VNTQResult::failure());
+    EXPECT_EQ(objectCast<NSError>(resultOf("completeWithTimeout"_sel)->error())->code(), 1);
+    const auto operation = inlineOperation();
+    operation->start();
+    send<void>(operation, "scheduleTimer:"_sel, 1000.0);
+    EXPECT_TRUE(operation->invalidateTimer());
+    send<void>(operation, "invalidateTimerIfNeeded"_sel);
+    EXPECT_FALSE(operation->invalidateTimer());
 }
 
 TEST(OperationMessages, ReachOverridesInSubclasses) {

@@ -1,5 +1,6 @@
 #include "VantorqFoundation/VNTQRunLoopOperation.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <latch>
@@ -75,6 +76,15 @@ TEST(RunLoopOperation, TimesOutAfterTheSecondsThatItWaits) {
     EXPECT_LE(seconds, taken + 0.051);
     EXPECT_LE(operation->longestSlice, 0.016666666666666666);
     EXPECT_EQ(operation->timeoutInterval(), 0.5);
+}
+
+TEST(RunLoopOperation, TurnsItsLoopInSlicesOfItsInterval) {
+    const auto operation = make<ProbeRunLoopOperation>();
+    operation->setLoopInterval(0.05);
+    operation->startAndWaitFor(0.12);
+    EXPECT_GT(operation->longestSlice, 0.02);
+    EXPECT_LE(operation->longestSlice, 0.05);
+    EXPECT_LE(operation->passes, 5);
 }
 
 TEST(RunLoopOperation, TimesOutAtTheDateThatItWaitsFor) {

@@ -4,6 +4,7 @@
 #include <functional>
 #include <latch>
 #include <mutex>
+#include <pthread.h>
 #include <semaphore>
 #include <string>
 #include <thread>
@@ -358,6 +359,21 @@ TEST(NSOperation, ACircleOfDependenciesNeverBecomesReadyUntilItIsCut) {
     EXPECT_TRUE(second->isReady());
 }
 
+/// Runs `work` on a thread with too little stack for deep recursion.
+void withLittleStack(std::function<void()> work) {
+    pthread_attr_t attributes;
+    ASSERT_EQ(pthread_attr_init(&attributes), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 512 * 1024), 0);
+    pthread_t thread{};
+    const auto run = [](void* function) -> void* {
+        (*static_cast<std::function<void()>*>(function))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&thread, &attributes, run, &work), 0);
+    ASSERT_EQ(pthread_join(thread, nullptr), 0);
+    ASSERT_EQ(pthread_attr_destroy(&attributes), 0);
+}
+
 TEST(NSOperation, ALongChainOfDependenciesIsDestroyedWithoutRecursion) {
     auto last = make<Task>();
     const Weak<Task> first(last);
@@ -366,7 +382,7 @@ TEST(NSOperation, ALongChainOfDependenciesIsDestroyedWithoutRecursion) {
         next->addDependency(*last);
         last = next;
     }
-    last.reset();
+    withLittleStack([&] { last.reset(); });
     EXPECT_EQ(first.load(), nullptr);
 }
 

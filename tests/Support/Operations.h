@@ -1,19 +1,19 @@
 #pragma once
 
 #include <atomic>
-#include <chrono>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "Support/Threads.h"
 #include "VantorqFoundation/VantorqFoundation.h"
 
 /// What the tests of operations share.
 namespace vantorq::test {
 
-/// Writes down every change notification that it gets, as "key" or "key=value".
+/// Writes down every change notification that it gets, as "will key" or "did key", and, of an
+/// operation, what the flags and the result are at that moment: "-FR".
 class ChangeLog : public NSObject {
     VNTQ_OBJECT(ChangeLog, NSObject)
 public:
@@ -21,12 +21,18 @@ public:
                  KeyValueObservingOptions options = KeyValueObservingOptions::none) {
         object.addObserver(*this, *NSArray::array(keys), options, nullptr);
     }
-    void observeValueForKeyPath(const NSString& key, NSObject&, const KeyValueChange& change,
+    void observeValueForKeyPath(const NSString& key, NSObject& object, const KeyValueChange& change,
                                 void*) override {
         entries.push_back((change.isPrior ? "will " : "did ") + key.utf8());
+        if (const auto* operation = objectCast<VNTQOperation>(&object)) {
+            states.push_back(std::string(operation->isExecuting() ? "E" : "-") +
+                             (operation->isFinished() ? "F" : "-") +
+                             (operation->result() != nullptr ? "R" : "-"));
+        }
     }
 
     std::vector<std::string> entries;
+    std::vector<std::string> states;
 };
 
 /// An operation whose work is given as a function, and which counts what is called.
@@ -65,19 +71,6 @@ protected:
 
 /// The seconds that a time-out error's text names, or nothing when the text is not as it should be.
 std::optional<double> secondsInTimeoutText(const VNTQOperation& operation);
-
-/// Waits for something that other threads bring about; false after half a minute without it.
-template <class Condition>
-[[nodiscard]] bool eventually(Condition condition) {
-    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > limit) {
-            return false;
-        }
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 /// An operation that delivers in place, so that a test sees everything at once.
 template <class... Args>

@@ -135,6 +135,33 @@ TEST(OperationStress, EveryCallbackFiresExactlyOnceHoweverTheEndIsRaced) {
     EXPECT_GT(nils, 0U);
 }
 
+TEST(OperationStress, AnEndThatRacesWithTheArmingLeavesNoTimerArmedAndNoFlagWithoutItsResult) {
+    constexpr std::uint64_t kArmings = 50'000;
+    Ref<VNTQOperation> operation;
+    std::uint64_t armed = 0;
+    std::uint64_t early = 0;
+    Rounds(2, kArmings)
+        .run(
+            [&](std::uint64_t) {
+                armed += operation != nullptr && operation->invalidateTimer() ? 1U : 0U;
+                operation = make<VNTQOperation>();
+                operation->setExplicitResultDispatch(true);
+                operation->setTimeoutInterval(1000);
+            },
+            [&](std::uint32_t thread, std::uint64_t) {
+                if (thread == 1) {
+                    operation->completeWithSuccess();
+                    return;
+                }
+                operation->start();
+                while (!operation->isFinished()) {
+                }
+                early += operation->result() == nullptr ? 1U : 0U;
+            });
+    EXPECT_EQ(armed, 0U);
+    EXPECT_EQ(early, 0U);
+}
+
 /// The same through dispatch queues, with timers that really fire.
 TEST(OperationStress, TimersThatFireWhileOperationsEndLoseNoCallback) {
     constexpr int kOperations = 20'000;

@@ -1,8 +1,10 @@
 #include <array>
 #include <atomic>
+#include <barrier>
 #include <cstdint>
 #include <latch>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -67,27 +69,28 @@ TEST(RefCountedStress, AnObjectSharedByManyThreadsIsDestroyedOnceByTheLast) {
 
 TEST(RefCountedStress, AWeakLoadThatRacesWithTheLastReleaseGivesTheLivingObjectOrNothing) {
     std::atomic<int> living{0};
-    std::atomic<int> misses{0};
-    for (int round = 0; round < 500; ++round) {
-        auto owner = make<Thing>(living);
-        const Weak<Thing> weak(owner);
-        together([&](int t) {
+    std::atomic<int> wrong{0};
+    Ref<Thing> owner;
+    Weak<Thing> weak;
+    // Every thread has seen the end of the last object before there is a new one.
+    std::barrier nextObject(kThreads, [&]() noexcept {
+        wrong += living;
+        owner = make<Thing>(living);
+        weak = Weak<Thing>(owner);
+    });
+    together([&](int t) {
+        for (int round = 0; round < 1'500; ++round) {
+            nextObject.arrive_and_wait();
             if (t == 0) {
                 owner.reset();
-                return;
             }
-            for (int n = 0; n < 20; ++n) {
-                if (const auto loaded = weak.load()) {
-                    ASSERT_TRUE(loaded->isAlive());
-                } else {
-                    ++misses;
-                }
+            while (const auto loaded = weak.load()) {
+                wrong += loaded->isAlive() ? 0 : 1;
             }
-        });
-        ASSERT_EQ(weak.load(), nullptr);
-        ASSERT_EQ(living, 0);
-    }
-    EXPECT_GT(misses, 0);
+        }
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(living, 0);
 }
 
 TEST(RefCountedStress, TheFirstWeakHandlesOfAnObjectMayBeMadeAtOnce) {

@@ -60,6 +60,11 @@ NSOperation::~NSOperation() {
     if (own == nullptr || own->dependencies.empty()) {
         return;
     }
+    for (const auto& one : own->dependencies) {
+        if (!one.hasFinished) {
+            one.operation->removeObserver(*this, dependencyContext());
+        }
+    }
     static constinit thread_local std::vector<Extras::Dependency>* underWay = nullptr;
     if (underWay != nullptr) {
         std::ranges::move(own->dependencies, std::back_inserter(*underWay));
@@ -125,13 +130,11 @@ void NSOperation::cancel() {
     if (becomesReady) {
         willChangeValueForKey(constant(kIsReady));
     }
-    const bool isFirst = !cancelled_.exchange(true);
-    if (becomesReady && isFirst) {
+    cancelled_ = true;
+    if (becomesReady) {
         didChangeValueForKey(constant(kIsReady));
     }
-    if (isFirst) {
-        didChangeValueForKey(constant(kIsCancelled));
-    }
+    didChangeValueForKey(constant(kIsCancelled));
 }
 
 void NSOperation::addDependency(NSOperation& dependency) {

@@ -29,7 +29,7 @@ constexpr std::int64_t kMonitorRest = 20;
 constexpr std::uint32_t kLowShare = 16;
 /// How often a searching thread looks before it parks, and how long it pauses in between: short
 /// enough to leave the processor to those who make the work, long enough to let some gather.
-constexpr int kLooks = 40;
+constexpr int kLooks = 4;
 constexpr int kPausesBetweenLooks = 20;
 
 }  // namespace

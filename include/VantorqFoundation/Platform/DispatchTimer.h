@@ -81,7 +81,8 @@ private:
 /// Letting go of a timer cancels it. Arming and disarming cost O(log n) among n armed timers and,
 /// as a rule, no system call.
 ///
-/// Threads: `cancel` may be called from any, at any time; the rest from one at a time.
+/// Threads: once the handler is set, `cancel` may be called from any, at any time; the rest from
+/// one at a time.
 class VNTQ_EXPORT DispatchTimer final : public RefCounted, private detail::TimerEntry {
 public:
     /// A timer without handler and time, not yet resumed.
