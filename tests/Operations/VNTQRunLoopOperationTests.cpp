@@ -223,7 +223,7 @@ TEST(RunLoopOperation, ServesOtherTimersOfItsLoopInBetween) {
     });
     operation->startAndWaitFor(60);
     timer->invalidate();
-    EXPECT_EQ(fired, 3);
+    EXPECT_GE(fired, 3);  // it may fire again before the loop looks at the operation
     EXPECT_EQ(operation->result(), VNTQResult::success());
 }
 

@@ -1,10 +1,9 @@
 #include "VantorqFoundation/Platform/NSOperationQueue.h"
 
+#include <algorithm>
 #include <atomic>
 #include <barrier>
-#include <functional>
 #include <latch>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <utility>

@@ -1,10 +1,10 @@
 #include "VantorqFoundation/Platform/RefCounted.h"
 
 #include <functional>
-#include <latch>
 #include <thread>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 

@@ -72,20 +72,21 @@ TEST(RefCountedStress, AWeakLoadThatRacesWithTheLastReleaseGivesTheLivingObjectO
     std::atomic<int> wrong{0};
     Ref<Thing> owner;
     Weak<Thing> weak;
-    // Every thread has seen the end of the last object before there is a new one.
+    // Every thread has let go of the last object before there is a new one.
     std::barrier nextObject(kThreads, [&]() noexcept {
         wrong += living;
         owner = make<Thing>(living);
         weak = Weak<Thing>(owner);
     });
     together([&](int t) {
-        for (int round = 0; round < 1'500; ++round) {
+        for (int round = 0; round < 5'000; ++round) {
             nextObject.arrive_and_wait();
             if (t == 0) {
                 owner.reset();
             }
-            while (const auto loaded = weak.load()) {
-                wrong += loaded->isAlive() ? 0 : 1;
+            for (int n = 0; n < 20; ++n) {
+                const auto loaded = weak.load();
+                wrong += loaded == nullptr || loaded->isAlive() ? 0 : 1;
             }
         }
     });
