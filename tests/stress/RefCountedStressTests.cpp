@@ -1,6 +1,6 @@
 #include <array>
 #include <atomic>
-#include <barrier>
+#include <cstddef>
 #include <cstdint>
 #include <latch>
 #include <thread>
@@ -68,25 +68,28 @@ TEST(RefCountedStress, AnObjectSharedByManyThreadsIsDestroyedOnceByTheLast) {
 }
 
 TEST(RefCountedStress, AWeakLoadThatRacesWithTheLastReleaseGivesTheLivingObjectOrNothing) {
+    constexpr std::size_t kObjects = 50'000;
     std::atomic<int> living{0};
     std::atomic<int> wrong{0};
-    Ref<Thing> owner;
-    Weak<Thing> weak;
-    // Every thread has let go of the last object before there is a new one.
-    std::barrier nextObject(kThreads, [&]() noexcept {
-        wrong += living;
-        owner = make<Thing>(living);
-        weak = Weak<Thing>(owner);
-    });
+    std::vector<Ref<Thing>> owners;
+    std::vector<Weak<Thing>> handles;
+    for (std::size_t n = 0; n < kObjects; ++n) {
+        owners.push_back(make<Thing>(living));
+        handles.emplace_back(owners.back());
+    }
     together([&](int t) {
-        for (int round = 0; round < 5'000; ++round) {
-            nextObject.arrive_and_wait();
+        for (std::size_t n = 0; n < kObjects; ++n) {
             if (t == 0) {
-                owner.reset();
+                owners[n].reset();
             }
-            for (int n = 0; n < 20; ++n) {
-                const auto loaded = weak.load();
-                wrong += loaded == nullptr || loaded->isAlive() ? 0 : 1;
+            // Loading a living object takes long and a dead one no time, so that the threads that
+            // load stay close to the one that lets go.
+            for (int k = 0; k < 20; ++k) {
+                const auto loaded = handles[n].load();
+                if (loaded == nullptr) {
+                    break;
+                }
+                wrong += loaded->isAlive() ? 0 : 1;
             }
         }
     });
