@@ -15,17 +15,14 @@ Ref<VNTQResult> VNTQResult::resultWithFailure(const id& error) {
 }
 
 Ref<VNTQResult> VNTQResult::success() {
-    static VNTQResult& shared = *resultWithSuccess(NSNull::null()).leak();
+    static VNTQResult& shared = immortal(resultWithSuccess(NSNull::null()));
     return shared;
 }
 
 Ref<VNTQResult> VNTQResult::failure() {
-    static VNTQResult& shared =
-        *resultWithFailure(
-             vntq_foundationErrorWithCode(
-                 0, NSDictionary::dictionary(
-                        {{NSLocalizedDescriptionKey, "Operation could not be completed."_ns}})))
-             .leak();
+    static VNTQResult& shared = immortal(resultWithFailure(vntq_foundationErrorWithCode(
+        0, NSDictionary::dictionary(
+               {{NSLocalizedDescriptionKey, "Operation could not be completed."_ns}}))));
     return shared;
 }
 

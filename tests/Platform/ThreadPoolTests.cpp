@@ -111,6 +111,52 @@ TEST(ThreadPool, EveryPieceMayWaitForTheNext) {
     EXPECT_TRUE(latches[0].try_wait());
 }
 
+TEST(ThreadPool, WorkMayWaitForWorkThatItQueued) {
+    constexpr int kChain = 20;
+    std::latch done(1);
+    struct Link {
+        static void run(int left, std::latch& outer) {
+            std::latch inner(1);
+            if (left > 0) {
+                DispatchQueue::global()->async([left, &inner] { run(left - 1, inner); });
+                inner.wait();
+            }
+            outer.count_down();
+        }
+    };
+    DispatchQueue::global()->async([&] { Link::run(kChain, done); });
+    done.wait();
+    EXPECT_TRUE(done.try_wait());
+}
+
+TEST(ThreadPool, WorkThatQueuesItselfAgainAndAgainDoesNotKeepOthersWaiting) {
+    const int chains = 4 * kBase;
+    std::atomic<bool> isOver = false;
+    std::latch ended(chains);
+    struct Chain {
+        std::atomic<bool>& isOver;
+        std::latch& ended;
+        void operator()() const {
+            if (isOver) {
+                ended.count_down();
+            } else {
+                DispatchQueue::global()->async(*this);
+            }
+        }
+    };
+    for (int i = 0; i < chains; ++i) {
+        DispatchQueue::global()->async(Chain{isOver, ended});
+    }
+    std::latch ran(100);
+    for (int i = 0; i < 100; ++i) {
+        DispatchQueue::global()->async([&] { ran.count_down(); });
+    }
+    ran.wait();
+    isOver = true;
+    ended.wait();
+    EXPECT_TRUE(ran.try_wait());
+}
+
 TEST(ThreadPool, WorkThatComputesDoesNotMakeItGrow) {
     constexpr int kPieces = 64;
     // Threads that another test needed would join in.

@@ -63,14 +63,14 @@ struct DelayedWork : TimerEntry {
 
 }  // namespace
 
-PoolQueue::PoolQueue(std::string_view label, DispatchQoS qos, Lifetime lifetime)
-    : DispatchQueue(label, qos), lane_(laneOf(qos)), lifetime_(lifetime) {}
+PoolQueue::PoolQueue(std::string_view label, DispatchQoS qos)
+    : DispatchQueue(label, qos), lane_(laneOf(qos)) {}
 
 PoolQueue& PoolQueue::global(DispatchQoS qos) {
     static const std::array<PoolQueue*, kQualities.size()> queues = [] {
         std::array<PoolQueue*, kQualities.size()> made;
         for (std::size_t i = 0; i < made.size(); ++i) {
-            made[i] = new PoolQueue(kGlobalLabels[i], kQualities[i], Lifetime::endless);
+            made[i] = &immortal(make<PoolQueue>(kGlobalLabels[i], kQualities[i]));
         }
         return made;
     }();
@@ -78,9 +78,7 @@ PoolQueue& PoolQueue::global(DispatchQoS qos) {
 }
 
 void PoolQueue::enqueue(Work& work) {
-    if (lifetime_ == Lifetime::counted) {
-        retain();
-    }
+    retain();
     work.queue = this;
     ThreadPool::shared().submit(lane_, work);
 }
@@ -112,7 +110,7 @@ Ref<DispatchQueue> DispatchQueue::serial(std::string_view label, DispatchQoS qos
 }
 
 Ref<DispatchQueue> DispatchQueue::concurrent(std::string_view label, DispatchQoS qos) {
-    return make<PoolQueue>(label, qos, PoolQueue::Lifetime::counted);
+    return make<PoolQueue>(label, qos);
 }
 
 DispatchQueue* DispatchQueue::current() noexcept {

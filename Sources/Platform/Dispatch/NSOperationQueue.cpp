@@ -33,9 +33,8 @@ constexpr std::size_t rank(Priority priority) {
 /// The keys that every operation of a queue is observed under: one array for all of them.
 const NSArray& observedKeys() {
     static const NSArray& keys =
-        *NSArray::array({operation_keys::isExecuting, operation_keys::isFinished,
-                         operation_keys::isReady, operation_keys::isCancelled})
-             .leak();
+        immortal(NSArray::array({operation_keys::isExecuting, operation_keys::isFinished,
+                                 operation_keys::isReady, operation_keys::isCancelled}));
     return keys;
 }
 
@@ -99,12 +98,12 @@ NSOperationQueue::NSOperationQueue() : state_(std::make_unique<State>()) {}
 NSOperationQueue::~NSOperationQueue() = default;
 
 Ref<NSOperationQueue> NSOperationQueue::mainQueue() {
-    static NSOperationQueue& queue = *[] {
+    static NSOperationQueue& queue = immortal([] {
         auto made = make<NSOperationQueue>();
         made->setUnderlyingQueue(DispatchQueue::main());
         made->setMaxConcurrentOperationCount(1);
-        return made.leak();
-    }();
+        return made;
+    }());
     return queue;
 }
 

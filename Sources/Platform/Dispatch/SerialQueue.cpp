@@ -108,7 +108,7 @@ void SerialQueue::runInTurn(void (*function)(void*) noexcept, void* context) {
 }
 
 MainQueue& MainQueue::shared() {
-    static MainQueue& queue = *new MainQueue;
+    static MainQueue& queue = immortal(Ref<MainQueue>::adopt(new MainQueue));
     return queue;
 }
 

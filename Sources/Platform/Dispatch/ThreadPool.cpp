@@ -31,13 +31,21 @@ constexpr std::uint32_t kLowShare = 16;
 /// enough to leave the processor to those who make the work, long enough to let some gather.
 constexpr int kLooks = 4;
 constexpr int kPausesBetweenLooks = 20;
+/// How many pieces of work in a row may follow on what queued them.
+constexpr std::uint32_t kMostFollowing = 8;
 
 }  // namespace
 
 struct ThreadPool::Worker {
     ThreadPool& pool;
     WorkBatch batch;
-    std::size_t batchLane = kNoLane;        // of the owner alone
+    std::atomic<Work*> following{nullptr};  // queued by what the thread runs; filled by the owner
+
+    // Of the owner alone.
+    std::size_t batchLane = kNoLane;
+    std::size_t runningLane = kNoLane;
+    std::uint32_t followed = 0;  // pieces of work in a row
+
     std::atomic<std::uint64_t> begun{0};    // pieces of work; counted by the owner
     std::atomic<std::uint32_t> parking{0};  // 1 while parked
 
@@ -68,6 +76,10 @@ struct ThreadPool::Monitor : TimerEntry {
     ThreadPool& pool;
 };
 
+/// The worker that the thread is.
+[[gnu::tls_model("initial-exec")]] constinit thread_local ThreadPool::Worker* ThreadPool::worker_ =
+    nullptr;
+
 ThreadPool& ThreadPool::shared() {
     static ThreadPool& pool = *new ThreadPool;
     return pool;
@@ -81,32 +93,57 @@ ThreadPool::ThreadPool()
 }
 
 void ThreadPool::submit(std::size_t lane, Work& work) {
+    const bool isKept = keepForOwnThread(lane, work);
+    // Work is kept before this is read, and found by whoever takes it back.
+    if (isKept && isAttended_.load(std::memory_order_seq_cst)) {
+        return;
+    }
     FollowUp followUp;
     {
         const std::lock_guard guard(lock_);
-        lanes_[lane].push_back(&work);
-        ++queued_;
-        if (lane < mostUrgent_.load(std::memory_order_relaxed)) {
-            mostUrgent_.store(lane, std::memory_order_relaxed);
+        if (!isKept) {
+            lanes_[lane].push_back(&work);
+            ++queued_;
+            if (lane < mostUrgent_.load(std::memory_order_relaxed)) {
+                mostUrgent_.store(lane, std::memory_order_relaxed);
+            }
         }
         followUp = keepGoing();
     }
     carryOut(followUp);
 }
 
+bool ThreadPool::keepForOwnThread(std::size_t lane, Work& work) {
+    Worker* const self = worker_;
+    if (self == nullptr || self->runningLane != lane || self->followed == kMostFollowing ||
+        self->following.load(std::memory_order_relaxed) != nullptr) {
+        return false;
+    }
+    self->following.store(&work, std::memory_order_seq_cst);
+    return true;
+}
+
+void ThreadPool::noteAttention() noexcept {
+    isAttended_.store(searching_ > 0 || (active_ >= allowed_ && isMonitored_),
+                      std::memory_order_seq_cst);
+}
+
 /// Sees to it that work which waits is found. With the lock held.
 ThreadPool::FollowUp ThreadPool::keepGoing() {
     FollowUp followUp;
-    if (searching_ > 0 || (active_ >= allowed_ && isMonitored_) || !isWorkWaiting()) {
+    noteAttention();
+    if (isAttended_.load(std::memory_order_relaxed) || !isWorkWaiting()) {
         return followUp;
     }
     if (active_ >= allowed_) {
         isMonitored_ = true;
+        noteAttention();
         followUp.startsMonitor = true;
         return followUp;
     }
     ++active_;
     ++searching_;
+    noteAttention();
     if (parked_ != nullptr) {
         followUp.wake = std::exchange(parked_, parked_->parkedBelow);
         followUp.wake->isParked = false;
@@ -144,6 +181,7 @@ void ThreadPool::startWorker(Worker& worker) {
         --searching_;
         worker.hasThread = false;
         startsMonitor = !std::exchange(isMonitored_, true);
+        noteAttention();
     }
     if (startsMonitor) {
         monitor_->lookAfter(kMonitorInterval);
@@ -161,17 +199,20 @@ ThreadPool::Worker& ThreadPool::idleSlot() {
 
 bool ThreadPool::isWorkWaiting() const noexcept {
     return queued_ > 0 || std::ranges::any_of(workers_, [](const auto& worker) {
-               return !worker->batch.isEmpty();
+               return !worker->batch.isEmpty() ||
+                      worker->following.load(std::memory_order_seq_cst) != nullptr;
            });
 }
 
 void ThreadPool::workerMain(Worker& self) {
+    worker_ = &self;
     QueueFrame frame(nullptr);
     std::unique_lock lock(lock_);
     self.thread = currentThreadId();
     for (Work* work = search(self, lock); work != nullptr; work = next(self)) {
         auto& queue = static_cast<PoolQueue&>(*work->queue);
         frame.setQueue(&queue);
+        self.runningLane = queue.lane();
         self.begun.store(self.begun.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
         runAndRecycle(*work);
         queue.workEnded();
@@ -180,6 +221,14 @@ void ThreadPool::workerMain(Worker& self) {
 
 /// The next piece of work; null when the thread is to end.
 Work* ThreadPool::next(Worker& self) {
+    if (self.runningLane <= mostUrgent_.load(std::memory_order_relaxed) &&
+        self.following.load(std::memory_order_relaxed) != nullptr) {
+        if (Work* work = self.following.exchange(nullptr, std::memory_order_acquire)) {
+            ++self.followed;
+            return work;
+        }
+    }
+    self.followed = 0;
     if (self.batchLane <= mostUrgent_.load(std::memory_order_relaxed)) {
         if (Work* work = self.batch.claim()) {
             return work;
@@ -201,6 +250,9 @@ Work* ThreadPool::search(Worker& self, std::unique_lock<UnfairLock>& lock) {
                 awaitWork();
                 lock.lock();
                 work = take(self);
+            }
+            if (work == nullptr) {
+                work = takeFollowing();
             }
         }
         if (work != nullptr) {
@@ -277,6 +329,18 @@ Work* ThreadPool::steal(Worker& self) {
     return nullptr;
 }
 
+/// What another thread has kept for itself and has not come to.
+Work* ThreadPool::takeFollowing() noexcept {
+    for (const auto& victim : workers_) {
+        if (victim->following.load(std::memory_order_relaxed) != nullptr) {
+            if (Work* work = victim->following.exchange(nullptr, std::memory_order_acquire)) {
+                return work;
+            }
+        }
+    }
+    return nullptr;
+}
+
 /// Waits until somebody wakes the thread, and counts it as searching; false when it is to end. With
 /// the lock, which is released in the latter case.
 bool ThreadPool::park(Worker& self, std::unique_lock<UnfairLock>& lock) {
@@ -316,9 +380,13 @@ void ThreadPool::watch() {
     std::vector<pid_t> suspects;
     {
         const std::lock_guard guard(lock_);
-        if (!isWorkWaiting()) {
-            isMonitored_ = false;
+        isMonitored_ = isWorkWaiting();
+        if (!isMonitored_) {
             allowed_ = baseCount_;
+            noteAttention();
+            isMonitored_ = isWorkWaiting();  // what came before that was noted
+        }
+        if (!isMonitored_) {
             return;
         }
         suspects = threadsWithoutProgress();

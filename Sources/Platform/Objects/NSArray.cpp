@@ -74,7 +74,7 @@ void NSArray::append(id element) {
 }
 
 Ref<NSArray> NSArray::array() {
-    static NSArray& empty = *new NSArray;
+    static NSArray& empty = immortal(Ref<NSArray>::adopt(new NSArray));
     return empty;
 }
 

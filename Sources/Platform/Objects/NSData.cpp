@@ -31,7 +31,7 @@ void appendHex(std::string& text, std::span<const std::byte> bytes) {
 }  // namespace
 
 Ref<NSData> NSData::data() {
-    static NSData& empty = *new NSData;
+    static NSData& empty = immortal(Ref<NSData>::adopt(new NSData));
     return empty;
 }
 

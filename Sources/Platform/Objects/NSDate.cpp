@@ -42,12 +42,12 @@ Ref<NSDate> NSDate::dateWithTimeIntervalSince1970(NSTimeInterval seconds) {
 }
 
 Ref<NSDate> NSDate::distantFuture() {
-    static NSDate& shared = *new NSDate(63'113'904'000.0);
+    static NSDate& shared = immortal(make<NSDate>(63'113'904'000.0));
     return shared;
 }
 
 Ref<NSDate> NSDate::distantPast() {
-    static NSDate& shared = *new NSDate(-63'114'076'800.0);
+    static NSDate& shared = immortal(make<NSDate>(-63'114'076'800.0));
     return shared;
 }
 

@@ -84,7 +84,7 @@ void NSDictionary::storeAll(std::span<const Entry> entries) {
 // Making dictionaries.
 
 Ref<NSDictionary> NSDictionary::dictionary() {
-    static NSDictionary& empty = *new NSDictionary;
+    static NSDictionary& empty = immortal(Ref<NSDictionary>::adopt(new NSDictionary));
     return empty;
 }
 

@@ -54,7 +54,7 @@ void NSSet::insert(id object) {
 // Making sets.
 
 Ref<NSSet> NSSet::set() {
-    static NSSet& empty = *new NSSet;
+    static NSSet& empty = immortal(Ref<NSSet>::adopt(new NSSet));
     return empty;
 }
 

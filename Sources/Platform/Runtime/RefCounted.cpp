@@ -157,7 +157,8 @@ void RefCounted::dispose() const noexcept {
 namespace detail {
 
 SideRecord* weakSide(const RefCounted* object) noexcept {
-    if (object->ownerCount() >= RefCounted::kDeallocating) {
+    const std::uint32_t owners = object->ownerCount();
+    if (owners >= RefCounted::kDeallocating && !RefCounted::isImmortal(owners)) {
         return nullptr;  // an object that is being destroyed cannot be referred to again
     }
     SideRecord* side = object->side();
@@ -180,13 +181,16 @@ const RefCounted* lockSide(SideRecord* side) noexcept {
     const RefCounted* object = side->object;
     if (object != nullptr) {
         std::uint64_t bits = object->bits_.load(std::memory_order_relaxed);
-        do {
+        while (!RefCounted::isImmortal(bits)) {
             const auto owners = static_cast<std::uint32_t>(bits);
             if (owners == 0 || owners >= RefCounted::kDeallocating) {
                 object = nullptr;
                 break;
             }
-        } while (!object->bits_.compare_exchange_weak(bits, bits + 1, std::memory_order_relaxed));
+            if (object->bits_.compare_exchange_weak(bits, bits + 1, std::memory_order_relaxed)) {
+                break;
+            }
+        }
     }
     side->unlock();
     return object;

@@ -79,9 +79,9 @@ Work& makeWork(F&& function) {
 ///     writer->async([=] { file->append(record); });
 ///     auto size = writer->sync([=] { return file->size(); });
 ///
-/// - The global queues, one for each quality of service, start their work in order and run it side
-/// by
-///   side. Own concurrent queues do the same under a label.
+/// - The global queues, one for each quality of service, run their work side by side. They start it
+///   in order, but for work that is queued by work: a few pieces of that may go first, on the same
+///   thread, while what they share is at hand. Own concurrent queues do the same under a label.
 /// - A serial queue runs one piece of work at a time, strictly in order.
 /// - The main queue is a serial queue whose work runs on the main thread, whenever that thread
 /// turns

@@ -22,7 +22,7 @@ public:
 private:
     static const NSNull kInstance;
 
-    constexpr NSNull() noexcept = default;
+    constexpr NSNull() noexcept : NSObject(Immortal()) {}
     constexpr ~NSNull() override {}
 };
 

@@ -60,6 +60,7 @@ public:
     static const Class& classObject();
 
     constexpr NSObject() noexcept = default;
+    constexpr explicit NSObject(Immortal constant) noexcept : RefCounted(constant) {}
 
     // Class queries.
 

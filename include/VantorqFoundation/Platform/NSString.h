@@ -156,10 +156,11 @@ public:
     }
 
 protected:
+    // Of constants.
     constexpr NSString(const char* ascii, NSUInteger length) noexcept
-        : units_(ascii), length_(length), wide_(false) {}
+        : NSObject(Immortal()), units_(ascii), length_(length), wide_(false) {}
     constexpr NSString(const char16_t* units, NSUInteger length) noexcept
-        : units_(units), length_(length), wide_(true) {}
+        : NSObject(Immortal()), units_(units), length_(length), wide_(true) {}
     constexpr ~NSString() override {}
 
     [[nodiscard]] char16_t unit(NSUInteger index) const noexcept {

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <new>
 #include <type_traits>
 #include <utility>
 
@@ -30,7 +31,7 @@ extern "C" char __libc_single_threaded;
 /// Threads: `retain`, `release`, and distinct `Ref` and `Weak` handles of one object may be used
 /// from any thread. One handle that several threads read and write needs a lock, or `AtomicRef`.
 ///
-/// Traps: more than 2^30 owners of one object.
+/// Traps: more than 2^30 owners of one object (found at half as many again).
 namespace vantorq {
 
 class RefCounted;
@@ -45,7 +46,15 @@ VNTQ_EXPORT void retainSide(SideRecord* side) noexcept;
 VNTQ_EXPORT void releaseSide(SideRecord* side) noexcept;
 /// The object with a new count for the caller, or null when it is gone or going.
 VNTQ_EXPORT const RefCounted* lockSide(SideRecord* side) noexcept;
+
+/// The memory of objects. What small objects leave is kept, within bounds, for the next ones, also
+/// for those of other threads.
+[[nodiscard]] VNTQ_EXPORT void* allocateObject(std::size_t size);
+VNTQ_EXPORT void freeObject(void* memory, std::size_t size) noexcept;
 }  // namespace detail
+
+/// What constructs an object that is never destroyed and whose owners are not counted: a constant.
+struct Immortal {};
 
 /// The root of every shared object. Objects live on the heap, are made by `make<T>()` and deleted
 /// by their last owner; the destructor runs on that owner's thread.
@@ -55,9 +64,11 @@ public:
     RefCounted& operator=(const RefCounted&) = delete;
 
     void retain() const noexcept {
-        std::uint64_t before;
+        std::uint64_t before = bits_.load(std::memory_order_relaxed);
+        if (isImmortal(before)) [[unlikely]] {
+            return;
+        }
         if (VNTQ_SINGLE_THREADED) {
-            before = bits_.load(std::memory_order_relaxed);
             bits_.store(before + 1, std::memory_order_relaxed);
         } else {
             before = bits_.fetch_add(1, std::memory_order_relaxed);
@@ -71,6 +82,9 @@ public:
         std::uint64_t before = bits_.load(std::memory_order_acquire);
         // The only owner of an object that nobody refers to weakly has no one to race with.
         if (before != 1) {
+            if (isImmortal(before)) [[unlikely]] {
+                return;
+            }
             if (VNTQ_SINGLE_THREADED) {
                 bits_.store(before - 1, std::memory_order_relaxed);
             } else {
@@ -83,13 +97,31 @@ public:
         dispose();
     }
 
+    static void* operator new(std::size_t size) { return detail::allocateObject(size); }
+    static void* operator new(std::size_t size, std::align_val_t alignment) {
+        return ::operator new(size, alignment);
+    }
+    static constexpr void operator delete(void* memory, std::size_t size) noexcept {
+        if (!std::is_constant_evaluated()) {  // where a constant's destructor names it
+            detail::freeObject(memory, size);
+        }
+    }
+    static void operator delete(void* memory, std::size_t, std::align_val_t alignment) noexcept {
+        ::operator delete(memory, alignment);
+    }
+
     /// The number of owners, for tests and diagnosis; stale as soon as it is read.
     [[nodiscard]] std::uint32_t ownerCount() const noexcept {
         return static_cast<std::uint32_t>(bits_.load(std::memory_order_relaxed));
     }
 
+    /// Ends the counting of owners: the object is never destroyed. For the objects that a process
+    /// shares from all its threads, which would else contend for the count.
+    void makeImmortal() const noexcept { bits_.fetch_or(kImmortal, std::memory_order_relaxed); }
+
 protected:
     constexpr RefCounted() noexcept = default;
+    constexpr explicit RefCounted(Immortal) noexcept : bits_(kImmortal) {}
     constexpr virtual ~RefCounted() {}  // a body: GCC 12 cannot use a defaulted one in constants
 
     /// One further object that this one owns out of line, for state that few objects have (the
@@ -107,11 +139,16 @@ private:
     friend detail::SideRecord* detail::weakSide(const RefCounted*) noexcept;
     friend const RefCounted* detail::lockSide(detail::SideRecord*) noexcept;
 
-    static constexpr std::uint32_t kCountLimit = 1U << 31;
+    static constexpr std::uint32_t kCountLimit = 3U << 29;
     /// What the count reads while the destructor runs, so that owners that it makes and drops on
     /// the way do not delete the object again.
     static constexpr std::uint32_t kDeallocating = 1U << 30;
+    static constexpr std::uint32_t kImmortal = 1U << 31;
     static constexpr int kSideShift = 32;
+
+    static constexpr bool isImmortal(std::uint64_t bits) noexcept {
+        return (bits & kImmortal) != 0;
+    }
 
     void dispose() const noexcept;
     detail::SideRecord* side() const noexcept;
@@ -192,6 +229,13 @@ private:
 template <class T, class... Args>
 [[nodiscard]] Ref<T> make(Args&&... args) {
     return Ref<T>::adopt(new T(std::forward<Args>(args)...));
+}
+
+/// An object that is never destroyed, from one that is about to be shared by the whole process.
+template <class T>
+[[nodiscard]] T& immortal(Ref<T> object) noexcept {
+    object->makeImmortal();
+    return *object.leak();
 }
 
 /// A handle that does not keep its object alive. `load()` gives an owner, or an empty `Ref` from
