@@ -27,7 +27,7 @@ constexpr bool kKeepsMemory = true;
 #endif
 
 constexpr std::size_t kGranularity = 16;
-constexpr std::size_t kLargest = 256;
+constexpr std::size_t kLargest = 512;
 constexpr std::size_t kClassCount = kLargest / kGranularity;
 
 constexpr std::size_t sizeClass(std::size_t size) noexcept {
