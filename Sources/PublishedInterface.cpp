@@ -25,6 +25,8 @@ std::span<const wire::ClassGetter> publishedClasses() {
         &NSMutableDictionary::classObject,
         &NSSet::classObject,
         &NSMutableSet::classObject,
+        &NSHashTable<>::classObject,
+        &NSMapTable::classObject,
         &NSDate::classObject,
         &NSData::classObject,
         &NSMutableData::classObject,
@@ -44,6 +46,7 @@ std::span<const wire::ClassGetter> publishedClasses() {
         &VNTQBlockOperation::classObject,
         &VNTQRunLoopOperation::classObject,
         &VNTQRunLoopBlockOperation::classObject,
+        &ReadWriteLock::classObject,
     };
     return classes;
 }

@@ -14,6 +14,8 @@ constexpr ConstantString kErrorDomain{"com.vantorq.client"};
 constexpr ConstantString kFoundationErrorDomain{"com.vantorq.foundation.VNTQFoundationError"};
 constexpr ConstantString kSoftHyphenationErrorDomain{"VNTQNSStringSoftHyphenationErrorDomain"};
 
+constexpr std::uint64_t kTimeoutErrorCode = 1;
+
 Ref<NSError> errorWithReason(std::int64_t code, NSString& reason) {
     return vntq_error(code, NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}}));
 }
@@ -33,6 +35,13 @@ constinit NSString& VNTQNSStringSoftHyphenationErrorDomain =
 Ref<NSError> vntq_foundationErrorWithCode(std::uint64_t code, const Ref<NSDictionary>& userInfo) {
     return NSError::errorWithDomain(VNTQFoundationErrorDomain, static_cast<std::int64_t>(code),
                                     userInfo);
+}
+
+Ref<NSError> detail::timeoutError(double seconds) {
+    const auto reason =
+        NSString::stringWithFormat("Timeout waiting %1.1f seconds for completion"_ns, seconds);
+    return vntq_foundationErrorWithCode(
+        kTimeoutErrorCode, NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}}));
 }
 
 Ref<NSError> vntq_error(std::int64_t code, const Ref<NSDictionary>& userInfo) {

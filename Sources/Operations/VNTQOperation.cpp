@@ -1,12 +1,12 @@
 #include "VantorqFoundation/VNTQOperation.h"
 
 #include <cmath>
-#include <cstdint>
 #include <limits>
 #include <mutex>
 #include <utility>
 
 #include "Sources/Operations/CallbackList.h"
+#include "Sources/Operations/TimeoutDelay.h"
 #include "VantorqFoundation/Errors.h"
 #include "VantorqFoundation/Platform/Class.h"
 #include "VantorqFoundation/Platform/DispatchTimer.h"
@@ -14,20 +14,6 @@
 namespace vantorq {
 
 namespace {
-
-constexpr std::uint64_t kTimeoutErrorCode = 1;
-
-/// Whole nanoseconds, cut; the largest there are when there are more.
-std::uint64_t nanoseconds(double seconds) {
-    constexpr double kPerSecond = 1'000'000'000;
-    constexpr auto kMost = std::numeric_limits<std::int64_t>::max();
-    if (!(seconds > 0)) {
-        return 0;
-    }
-    const double exact = seconds * kPerSecond;
-    return exact >= static_cast<double>(kMost) ? std::uint64_t{kMost}
-                                               : static_cast<std::uint64_t>(exact);
-}
 
 void call(const NSBlock& callback, VNTQResult* result) {
     VNTQOperation::ResultCallback::call(callback, result);
@@ -169,8 +155,8 @@ void VNTQOperation::scheduleTimer(double seconds) {
         }
     });
     setInvalidateTimer([timer] { timer->cancel(); });
-    const std::uint64_t delay = nanoseconds(seconds);
-    timer->schedule(delay, delay / 10);
+    const TimeoutDelay delay = timeoutDelay(seconds);
+    timer->schedule(delay.nanoseconds, delay.leeway);
     timer->resume();
 }
 
@@ -269,11 +255,7 @@ void VNTQOperation::completeWithTimeout() {
     if (isOver()) {
         return;
     }
-    const double elapsed = hasStarted() ? NSDate::now() - startDate_ : 0;
-    const auto reason =
-        NSString::stringWithFormat("Timeout waiting %1.1f seconds for completion"_ns, elapsed);
-    completeWithFailure(vntq_foundationErrorWithCode(
-        kTimeoutErrorCode, NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}})));
+    completeWithFailure(detail::timeoutError(hasStarted() ? NSDate::now() - startDate_ : 0));
 }
 
 // Delivering.

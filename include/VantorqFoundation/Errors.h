@@ -24,7 +24,7 @@ namespace vantorq {
 /// The host application's domain. Codes 1, 5 and 6 are not used, and are not to be.
 VNTQ_EXPORT extern NSString& VNTQErrorDomain;
 /// The domain of errors that the library itself raises: 0 for a failure without a cause of its own,
-/// 1 for an operation's time-out.
+/// 1 for a time-out.
 VNTQ_EXPORT extern NSString& VNTQFoundationErrorDomain;
 /// The domain of the error that text in a locale without hyphenation gives. Its value is its name.
 VNTQ_EXPORT extern NSString& VNTQNSStringSoftHyphenationErrorDomain;
@@ -79,5 +79,10 @@ template <class... Args>
 
 /// The error's localised recovery suggestion, or nil.
 [[nodiscard]] VNTQ_EXPORT Ref<NSString> vntq_debugRecoverySuggestion(const NSError& error);
+
+namespace detail {
+/// Code 1 of the library's domain: "Timeout waiting 2.5 seconds for completion".
+[[nodiscard]] VNTQ_EXPORT Ref<NSError> timeoutError(double seconds);
+}  // namespace detail
 
 }  // namespace vantorq

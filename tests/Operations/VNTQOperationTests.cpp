@@ -133,14 +133,7 @@ TEST(OperationStart, FromTwoThreadsRunsMainOnce) {
     for (int round = 0; round < 200; ++round) {
         std::atomic<int> runs = 0;
         const auto operation = inlineOperation([&](ProbeOperation*) { ++runs; });
-        std::latch ready(2);
-        const auto start = [&] {
-            ready.arrive_and_wait();
-            operation->start();
-        };
-        std::thread other(start);
-        start();
-        other.join();
+        test::together(2, [&](int) { operation->start(); });
         EXPECT_EQ(runs, 1);
     }
 }
@@ -216,22 +209,23 @@ TEST(OperationDeadline, IsTheStartPlusTheInterval) {
     EXPECT_NEAR(operation->timeRemaining(), 5, 1);
 }
 
-TEST(OperationDeadline, StaysWhereADateLiesFurtherAhead) {
+/// Seconds to the deadline of an operation that has started with an interval of 5 seconds, and with
+/// a date so many seconds ahead.
+double secondsToDeadlineWithDateIn(double seconds) {
     const auto operation = inlineOperation();
     operation->armsTimer = false;
     operation->setTimeoutInterval(5);
-    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(60));
+    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(seconds));
     operation->start();
-    EXPECT_NEAR(secondsUntil(operation->timeoutDate()), 60, 1);
+    return secondsUntil(operation->timeoutDate());
+}
+
+TEST(OperationDeadline, StaysWhereADateLiesFurtherAhead) {
+    EXPECT_NEAR(secondsToDeadlineWithDateIn(60), 60, 1);
 }
 
 TEST(OperationDeadline, MovesToTheIntervalWhereADateIsNearer) {
-    const auto operation = inlineOperation();
-    operation->armsTimer = false;
-    operation->setTimeoutInterval(5);
-    operation->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(1));
-    operation->start();
-    EXPECT_NEAR(secondsUntil(operation->timeoutDate()), 5, 1);
+    EXPECT_NEAR(secondsToDeadlineWithDateIn(1), 5, 1);
 }
 
 TEST(OperationDeadline, IsTheDateAloneWithoutAnInterval) {
@@ -258,6 +252,29 @@ TEST(OperationDeadline, IsNoneForAnIntervalThatIsNoneOrNotANumber) {
         operation->completeWithSuccess();
         EXPECT_EQ(operation->timeRemaining(), 0) << interval;
     }
+}
+
+TEST(OperationDeadline, LeavesTimeRemainingInAFinishedOperationThatHasOne) {
+    const auto finished = [](double interval, const Ref<NSDate>& date) {
+        const auto operation = inlineOperation();
+        operation->setTimeoutInterval(interval);
+        operation->setTimeoutDate(date);
+        operation->completeWithSuccess();  // before the start, which would compute a deadline
+        EXPECT_TRUE(operation->isFinished());
+        return operation;
+    };
+    const auto ahead = NSDate::dateWithTimeIntervalSinceNow(60);
+    const auto passed = NSDate::dateWithTimeIntervalSinceNow(-60);
+    EXPECT_EQ(finished(5, nullptr)->timeRemaining(), 5);
+    EXPECT_NEAR(finished(0, ahead)->timeRemaining(), 60, 1);
+    EXPECT_NEAR(finished(5, ahead)->timeRemaining(), 60, 1);
+    EXPECT_EQ(finished(0, passed)->timeRemaining(), 0);
+    EXPECT_EQ(finished(5, passed)->timeRemaining(), 0);
+
+    const auto started = inlineOperation([](ProbeOperation* self) { self->completeWithSuccess(); });
+    started->setTimeoutInterval(5);
+    started->start();
+    EXPECT_NEAR(started->timeRemaining(), 5, 1);
 }
 
 TEST(OperationDeadline, ArmsNoTimerWhenItIsInfinitelyFar) {
@@ -375,6 +392,21 @@ TEST(OperationTimeout, FiresOnTheExecutionQueue) {
     operation->start();
     delivered.wait();
     EXPECT_EQ(current, queue.get());
+}
+
+TEST(OperationTimeout, FiresOnTheGlobalQueueWithoutAnExecutionQueue) {
+    std::latch delivered(1);
+    const DispatchQueue* current = nullptr;
+    const auto operation = inlineOperation();
+    operation->setTimeoutInterval(0.01);
+    operation->onCompletion([&] {
+        current = DispatchQueue::current();
+        delivered.count_down();
+    });
+    operation->start();
+    delivered.wait();
+    EXPECT_EQ(current, DispatchQueue::global().get());
+    EXPECT_EQ(current->qos(), DispatchQoS::default_);
 }
 
 TEST(OperationTimeout, DoesNotKeepTheOperationAlive) {
@@ -839,18 +871,34 @@ TEST(OperationCallbacks, RunInPlaceWithExplicitDispatchAndNoResultQueue) {
     EXPECT_EQ(thread, std::this_thread::get_id());
 }
 
-TEST(OperationCallbacks, RunWithoutTheLock) {
+TEST(OperationCallbacks, RunWithoutTheLockHoweverTheEndComes) {
+    using Steps = void (*)(VNTQOperation&);
+    constexpr Steps complete = [](VNTQOperation& operation) { operation.completeWithSuccess(); };
+    constexpr Steps cancel = [](VNTQOperation& operation) { operation.cancel(); };
+    constexpr Steps timeOut = [](VNTQOperation& operation) { operation.completeWithTimeout(); };
+    constexpr Steps start = [](VNTQOperation& operation) { operation.start(); };
+    const std::pair<Steps, Steps> ways[] = {{start, complete}, {start, cancel}, {start, timeOut},
+                                            {complete, start}, {cancel, start}, {timeOut, start}};
+    for (const auto& [first, second] : ways) {
+        const auto operation = inlineOperation();
+        int reached = 0;
+        operation->onCompletion([&] {
+            // A registration takes the lock, so that it gets through only where nobody holds it.
+            std::thread([&] { operation->onCompletion([&] { ++reached; }); }).join();
+        });
+        first(*operation);
+        second(*operation);
+        EXPECT_EQ(reached, 1);
+    }
+}
+
+TEST(OperationCallbacks, RegisteredAfterTheEndRunWithoutTheLock) {
     const auto operation = inlineOperation();
-    bool reached = false;
-    operation->onCompletion([&] {
-        // Another thread can use the operation while its callback runs.
-        std::thread([&] {
-            operation->onCompletion([&] { reached = true; });
-            operation->cancel();
-        }).join();
-    });
     operation->start();
     operation->completeWithSuccess();
+    bool reached = false;
+    operation->onCompletion(
+        [&] { std::thread([&] { operation->onCompletion([&] { reached = true; }); }).join(); });
     EXPECT_TRUE(reached);
 }
 
@@ -1009,7 +1057,18 @@ public:
         VNTQOperation::execute();
     }
     void main() override { order.push_back("main"); }
-    void scheduleTimer(double) override { order.push_back("scheduleTimer"); }
+    void scheduleTimer(double seconds) override {
+        order.push_back("scheduleTimer");
+        VNTQOperation::scheduleTimer(seconds);
+    }
+    void invalidateTimerIfNeeded() override {
+        order.push_back("invalidateTimerIfNeeded");
+        VNTQOperation::invalidateTimerIfNeeded();
+    }
+    void completeWithTimeout() override {
+        order.push_back("completeWithTimeout");
+        VNTQOperation::completeWithTimeout();
+    }
     void completeWithResult(const Ref<VNTQResult>& result) override {
         order.push_back("completeWithResult");
         VNTQOperation::completeWithResult(result);
@@ -1026,8 +1085,25 @@ TEST(OperationOverrides, AreCalledAtTheirPlaces) {
     operation->setTimeoutInterval(10);
     operation->start();
     operation->completeWithSuccess();
-    EXPECT_EQ(operation->order, (Log{"execute", "main", "scheduleTimer", "completeWithResult",
-                                     "didFinishWithResult"}));
+    EXPECT_EQ(operation->order,
+              (Log{"execute", "main", "invalidateTimerIfNeeded", "scheduleTimer",
+                   "completeWithResult", "invalidateTimerIfNeeded", "didFinishWithResult"}));
+}
+
+TEST(OperationOverrides, AreCalledAtTheirPlacesWhenTheTimerFires) {
+    const auto queue = DispatchQueue::serial("test.overrides");  // arms, and fires, in turn
+    const auto operation = make<Overriding>();
+    std::latch delivered(1);
+    operation->setExecutionQueue(queue);
+    operation->setTimeoutInterval(0.01);
+    operation->onCompletion([&] { delivered.count_down(); });
+    operation->start();
+    delivered.wait();
+    drain(queue);
+    EXPECT_EQ(operation->order,
+              (Log{"execute", "main", "invalidateTimerIfNeeded", "scheduleTimer",
+                   "invalidateTimerIfNeeded", "completeWithTimeout", "completeWithResult",
+                   "invalidateTimerIfNeeded", "didFinishWithResult"}));
 }
 
 // Messages.

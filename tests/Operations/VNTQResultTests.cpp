@@ -1,12 +1,12 @@
 #include "VantorqFoundation/VNTQResult.h"
 
-#include <latch>
+#include <array>
 #include <string>
-#include <thread>
-#include <vector>
+#include <utility>
 
 #include <gtest/gtest.h>
 
+#include "Support/Threads.h"
 #include "VantorqFoundation/VantorqFoundation.h"
 
 namespace vantorq {
@@ -126,22 +126,13 @@ TEST(StandardResults, FailWithTheLibrarysGenericError) {
 
 TEST(StandardResults, AreMadeOnceWhenAskedForByManyThreads) {
     constexpr int kThreads = 4;
-    std::latch ready(kThreads);
-    std::vector<Ref<VNTQResult>> seen(kThreads * 2);
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
-            ready.arrive_and_wait();
-            seen[2 * i] = VNTQResult::success();
-            seen[2 * i + 1] = VNTQResult::failure();
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-    for (std::size_t i = 0; i < kThreads; ++i) {
-        EXPECT_EQ(seen[2 * i], VNTQResult::success());
-        EXPECT_EQ(seen[2 * i + 1], VNTQResult::failure());
+    std::array<std::pair<Ref<VNTQResult>, Ref<VNTQResult>>, kThreads> seen;
+    test::together(kThreads, [&](int t) {
+        seen[static_cast<std::size_t>(t)] = {VNTQResult::success(), VNTQResult::failure()};
+    });
+    for (const auto& [success, failure] : seen) {
+        EXPECT_EQ(success, VNTQResult::success());
+        EXPECT_EQ(failure, VNTQResult::failure());
     }
 }
 

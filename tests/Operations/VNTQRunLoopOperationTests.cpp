@@ -250,5 +250,43 @@ TEST(RunLoopOperation, AnswersItsMessages) {
     EXPECT_TRUE(isTimeout(*objectCast<VNTQOperation>(operation)));
 }
 
+TEST(RunLoopOperation, StartsByMessageAndWaitsUntilADate) {
+    const auto operation = make<ProbeRunLoopOperation>();
+    const auto date = NSDate::dateWithTimeIntervalSinceNow(0.02);
+    send<void>(operation, "startAndWaitUntil:"_sel, date);
+    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_EQ(operation->timeoutDate(), date);
+    EXPECT_LE(date->timeIntervalSinceNow(), 0);
+    EXPECT_GE(operation->passes, 1);
+}
+
+TEST(RunLoopOperation, TurnsTheLoopThatItIsGivenByMessageWhileItsConditionHolds) {
+    const auto operation = make<VNTQRunLoopOperation>();
+    const id object = operation;
+    bool holds = false;
+    send<void>(object, "setRunPredicate:"_sel,
+               NSPredicate::predicateWithBlock([&](NSObject*) { return holds; }));
+    const auto loop = NSRunLoop::current();
+    std::thread([&] {
+        send<void>(object, "setRunLoop:"_sel, loop);
+        EXPECT_EQ(send<id>(object, "runLoop"_sel), id(loop));
+    }).join();
+    bool touched = false;
+    loop->performBlock([&] { touched = true; });
+    const auto turn = [&] {
+        return trySend<bool>(object, "runMode:beforeDate:"_sel, NSDefaultRunLoopMode,
+                             NSDate::distantPast());
+    };
+    EXPECT_EQ(turn(), false);
+    EXPECT_FALSE(touched);
+    holds = true;
+    EXPECT_EQ(turn(), true);
+    EXPECT_TRUE(touched);
+    EXPECT_TRUE(trySend<void>(object, "setRunPredicate:"_sel, nullptr));
+    EXPECT_EQ(operation->runPredicate(), nullptr);
+    EXPECT_FALSE(trySend<void>(object, "setRunLoop:"_sel, NSDate::distantPast()));
+    EXPECT_EQ(operation->runLoop(), loop);
+}
+
 }  // namespace
 }  // namespace vantorq

@@ -77,6 +77,24 @@ TEST(Bridge, SequencesBecomeArraysAndEmptyOptionalsNull) {
     EXPECT_EQ(unbridge<std::vector<int>>(array), std::nullopt);
 }
 
+TEST(Bridge, OptionalsAreEmptyForNilAndTheNullObject) {
+    using Number = std::optional<int>;
+    EXPECT_EQ(unbridge<Number>(id()).value(), std::nullopt);
+    EXPECT_EQ(unbridge<Number>(NSNull::orNull(nullptr)).value(), std::nullopt);
+    EXPECT_EQ(unbridge<Number>(bridge(7)).value(), 7);
+    EXPECT_EQ(unbridge<Number>(bridge("7")), std::nullopt) << "neither a number nor nothing";
+    const id text = bridge("x");
+    EXPECT_EQ(unbridge<std::optional<id>>(text).value(), text);
+}
+
+TEST(Bridge, OptionalsInsideSequencesAndMapsComeBack) {
+    const std::vector<std::optional<int>> values{1, std::nullopt, 3};
+    EXPECT_EQ(unbridge<std::vector<std::optional<int>>>(bridge(values)), values);
+    EXPECT_EQ(unbridge<std::vector<std::optional<std::string>>>(bridge(values)), std::nullopt);
+    const std::map<std::string, std::optional<double>> map{{"a", 1.5}, {"b", std::nullopt}};
+    EXPECT_EQ((unbridge<std::map<std::string, std::optional<double>>>(bridge(map))), map);
+}
+
 TEST(Bridge, MapsBecomeDictionaries) {
     const std::map<std::string, int> map{{"a", 1}, {"b", 2}};
     EXPECT_EQ(test::description(bridge(map)), "{\n    a = 1;\n    b = 2;\n}");

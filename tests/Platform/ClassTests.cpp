@@ -38,10 +38,18 @@ public:
     void bark() {}
     NSInteger age() const { return 3; }
     static Ref<NSString> typical(const Class& cls) { return cls.description(); }
+    static NSInteger litterSize() noexcept { return 6; }
+    static bool isAncestor(const Class& cls, const Class& other) noexcept {
+        return cls.isSubclassOf(other);
+    }
 
 protected:
     ~Dog() override = default;
 };
+
+NSInteger ageInDogYears(const Dog& dog) noexcept {
+    return dog.age() * 7;
+}
 
 /// Has no tables of its own.
 class Puppy : public Dog {};
@@ -71,6 +79,9 @@ constexpr PropertyInfo kDogProperties[] = {property<&Dog::age>("age")};
 constexpr MethodInfo kDogMethods[] = {
     method<&Dog::bark>("bark"),
     classMethod<&Dog::typical>("typical"),
+    classMethod<&Dog::litterSize>("litterSize"),
+    classMethod<&Dog::isAncestor>("isAncestor:"),
+    method<&ageInDogYears>("ageInDogYears"),
 };
 
 VNTQ_DEFINE_CLASS(Animal, {.properties = kAnimalProperties})
@@ -182,6 +193,13 @@ TEST(Class, AnswersItsClassMethodsAndThoseItInherits) {
 
 TEST(Class, AClassMethodLearnsWhichClassWasAsked) {
     EXPECT_EQ(send<Ref<NSString>>(dog(), "typical"_sel)->utf8(), "Dog");
+}
+
+TEST(Class, FunctionsThatAreNoexceptMayBeMethods) {
+    EXPECT_EQ(send<NSInteger>(dog(), "litterSize"_sel), 6);
+    EXPECT_TRUE(send<bool>(dog(), "isAncestor:"_sel, animal()));
+    EXPECT_FALSE(send<bool>(dog(), "isAncestor:"_sel, Statue::classObject()));
+    EXPECT_EQ(send<NSInteger>(make<Dog>(), "ageInDogYears"_sel), 21);
 }
 
 TEST(Class, AllocGivesANewInstance) {

@@ -177,11 +177,13 @@ TEST(DispatchQueue, ASerialQueueStaysAliveWhileItHasWork) {
     done.wait();
 }
 
-TEST(DispatchQueue, WorkMayQueueMoreWorkOnItsOwnSerialQueue) {
+/// The order in which work that `submit` hands to a serial queue goes on (1), and the work that it
+/// adds to that queue meanwhile runs (2).
+std::vector<int> orderOfWorkThatQueuesMore(auto submit) {
     const auto queue = DispatchQueue::serial("s");
     std::vector<int> seen;
     std::latch done(1);
-    queue->async([&] {
+    submit(*queue, [&] {
         queue->async([&] {
             seen.push_back(2);
             done.count_down();
@@ -189,7 +191,12 @@ TEST(DispatchQueue, WorkMayQueueMoreWorkOnItsOwnSerialQueue) {
         seen.push_back(1);
     });
     done.wait();
-    EXPECT_EQ(seen, (std::vector{1, 2}));
+    return seen;
+}
+
+TEST(DispatchQueue, WorkMayQueueMoreWorkOnItsOwnSerialQueue) {
+    const auto async = [](DispatchQueue& queue, auto work) { queue.async(work); };
+    EXPECT_EQ(orderOfWorkThatQueuesMore(async), (std::vector{1, 2}));
 }
 
 // sync.
@@ -232,18 +239,8 @@ TEST(DispatchQueue, SyncOnABusySerialQueueWaitsForItsTurn) {
 }
 
 TEST(DispatchQueue, WorkThatArrivesDuringASyncInPlaceRunsAfterwards) {
-    const auto queue = DispatchQueue::serial("s");
-    std::vector<int> seen;
-    std::latch done(1);
-    queue->sync([&] {
-        queue->async([&] {
-            seen.push_back(2);
-            done.count_down();
-        });
-        seen.push_back(1);
-    });
-    done.wait();
-    EXPECT_EQ(seen, (std::vector{1, 2}));
+    const auto sync = [](DispatchQueue& queue, auto work) { queue.sync(work); };
+    EXPECT_EQ(orderOfWorkThatQueuesMore(sync), (std::vector{1, 2}));
 }
 
 TEST(DispatchQueue, SyncFromWithinTheQueuesOwnWorkTraps) {

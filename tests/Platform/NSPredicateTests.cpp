@@ -94,10 +94,13 @@ TEST(NSPredicate, TextBeginsAndEndsWithText) {
     EXPECT_FALSE(holds(bridge(1), Type::endsWith, "1"_ns));
 }
 
-TEST(NSPredicate, AValueIsInAnArrayOrASet) {
+TEST(NSPredicate, AValueIsInAnArrayASetOrText) {
     EXPECT_TRUE(holds(bridge(2), Type::in, NSArray::array({bridge(1), bridge(2)})));
     EXPECT_FALSE(holds(bridge(3), Type::in, NSArray::array({bridge(1), bridge(2)})));
     EXPECT_TRUE(holds(bridge(2), Type::in, NSSet::set({bridge(2)})));
+    EXPECT_TRUE(holds("cka"_ns, Type::in, "package"_ns));
+    EXPECT_FALSE(holds("xyz"_ns, Type::in, "package"_ns));
+    EXPECT_FALSE(holds(bridge(1), Type::in, "1"_ns));
     EXPECT_FALSE(holds(nullptr, Type::in, NSArray::array({bridge(1)})));
     EXPECT_FALSE(holds(bridge(2), Type::in, bridge(2)));
 }

@@ -1,7 +1,6 @@
 #include "VantorqFoundation/Platform/NSRecursiveLock.h"
 
 #include <cstdint>
-#include <latch>
 #include <mutex>
 #include <thread>
 #include <vector>
@@ -9,6 +8,7 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include "Support/Threads.h"
 #include "Support/Trap.h"
 #include "VantorqFoundation/Platform/Send.h"
 
@@ -60,22 +60,14 @@ TEST(RecursiveLock, AdmitsOneThreadAtATime) {
     constexpr int kRounds = 10'000;
     RecursiveLock lock;
     int count = 0;
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            start.arrive_and_wait();
-            for (int round = 0; round < kRounds; ++round) {
-                const std::lock_guard outer(lock);
-                ++count;
-                const std::lock_guard inner(lock);
-                ++count;
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    test::together(kThreads, [&](int) {
+        for (int round = 0; round < kRounds; ++round) {
+            const std::lock_guard outer(lock);
+            ++count;
+            const std::lock_guard inner(lock);
+            ++count;
+        }
+    });
     EXPECT_EQ(count, 2 * kThreads * kRounds);
 }
 

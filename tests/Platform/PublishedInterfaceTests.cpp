@@ -70,6 +70,8 @@ std::vector<Published> everything() {
     using BlockOperation = VNTQBlockOperation;
     using RunLoopOperation = VNTQRunLoopOperation;
     using RunLoopBlockOperation = VNTQRunLoopBlockOperation;
+    using Lock = ReadWriteLock;
+    using Body = Block<void()>;
     using Callback = Operation::Callback;
     using ObjectCallback = Operation::ObjectCallback;
     using TakesObject = void (Operation::*)(const id&);
@@ -189,6 +191,19 @@ std::vector<Published> everything() {
               typesOf(&RunLoopBlockOperation::operationWithExecution)},
              {"main", toObject, "v", typesOf(&RunLoopBlockOperation::main)},
          }},
+        {"VQReadWriteLock",
+         "NSObject",
+         {},
+         {},
+         {
+             {"init", toObject, "@", wire::kSignature<id>},
+             {"dealloc", toObject, "v", wire::kSignature<void>},
+             {"readLock", toObject, "v", typesOf(&Lock::readLock)},
+             {"writeLock", toObject, "v", typesOf(&Lock::writeLock)},
+             {"unlock", toObject, "v", typesOf(&Lock::unlock)},
+             {"readBlockObjc:", toObject, "v@", typesOf(&Lock::readBlockObjc<const Body&>)},
+             {"writeBlockObjc:", toObject, "v@", typesOf(&Lock::writeBlockObjc<const Body&>)},
+         }},
         {"NSError",
          "NSObject",
          {"VNTQFoundation"},
@@ -306,14 +321,24 @@ TEST(PublishedInterface, EveryObjectPropertyIsListedByItsClassInOrder) {
 }
 
 TEST(PublishedInterface, EveryClassMakesInstancesByMessage) {
-    for (const char* name : {"VNTQResult", "VNTQOperation", "VNTQBlockOperation",
-                             "VNTQRunLoopOperation", "VNTQRunLoopBlockOperation"}) {
+    for (const char* name :
+         {"VNTQResult", "VNTQOperation", "VNTQBlockOperation", "VNTQRunLoopOperation",
+          "VNTQRunLoopBlockOperation", "VQReadWriteLock"}) {
         SCOPED_TRACE(name);
         const Class* cls = Class::named(name);
         const id made = send<id>(send<id>(*cls, "alloc"_sel), "init"_sel);
         ASSERT_NE(made, nullptr);
         EXPECT_TRUE(made->isMemberOfClass(*cls));
     }
+}
+
+TEST(PublishedInterface, TheMethodsOfTheReadWriteLockAreDeclaredInTheirOrder) {
+    std::vector<std::string_view> declared;
+    for (const MethodInfo& method : ReadWriteLock::kClass.tables.methods) {
+        declared.push_back(method.selector);
+    }
+    EXPECT_THAT(declared, testing::ElementsAre("init", "dealloc", "readLock", "writeLock", "unlock",
+                                               "readBlockObjc:", "writeBlockObjc:"));
 }
 
 TEST(PublishedInterface, AResultCanBeCopied) {

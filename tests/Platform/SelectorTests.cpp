@@ -1,12 +1,12 @@
 #include "VantorqFoundation/Platform/Selector.h"
 
 #include <array>
-#include <latch>
 #include <string>
-#include <thread>
 #include <unordered_set>
 
 #include <gtest/gtest.h>
+
+#include "Support/Threads.h"
 
 namespace vantorq {
 namespace {
@@ -45,18 +45,11 @@ TEST(Selector, ThreadsThatInternTheSameNamesGetTheSameSelectors) {
     constexpr std::size_t kThreads = 4;
     constexpr std::size_t kNames = 500;
     std::array<std::array<Selector, kNames>, kThreads> found;
-    std::latch start(kThreads);
-    {
-        std::array<std::jthread, kThreads> threads;
-        for (std::size_t t = 0; t < kThreads; ++t) {
-            threads[t] = std::jthread([&, t] {
-                start.arrive_and_wait();
-                for (std::size_t n = 0; n < kNames; ++n) {
-                    found[t][n] = Selector("interned" + std::to_string(n) + ":");
-                }
-            });
+    test::together(kThreads, [&](int t) {
+        for (std::size_t n = 0; n < kNames; ++n) {
+            found[static_cast<std::size_t>(t)][n] = Selector("interned" + std::to_string(n) + ":");
         }
-    }
+    });
     for (std::size_t t = 1; t < kThreads; ++t) {
         EXPECT_EQ(found[t], found[0]);
     }

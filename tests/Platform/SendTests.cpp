@@ -3,16 +3,15 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
-#include <latch>
 #include <map>
 #include <optional>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Support/Threads.h"
 #include "Support/Trap.h"
 #include "VantorqFoundation/VantorqFoundation.h"
 
@@ -237,20 +236,13 @@ TEST(Send, ManyThreadsMayMakeTheFirstSendAtOnce) {
     const std::array<id, 3> receivers{make<Radio>(), make<PocketRadio>(), make<CarRadio>()};
     constexpr int kThreads = 4;
     constexpr int kRounds = 200;
-    std::latch start(kThreads);
     std::atomic<int> right{0};
-    {
-        std::vector<std::jthread> threads;
-        for (int t = 0; t < kThreads; ++t) {
-            threads.emplace_back([&] {
-                start.arrive_and_wait();
-                for (int n = 0; n < kRounds; ++n) {
-                    const id& receiver = receivers[static_cast<std::size_t>(n) % 3];
-                    right += send<bool>(receiver, "isNil:"_sel, nullptr) ? 1 : 0;
-                }
-            });
+    test::together(kThreads, [&](int) {
+        for (int n = 0; n < kRounds; ++n) {
+            const id& receiver = receivers[static_cast<std::size_t>(n) % 3];
+            right += send<bool>(receiver, "isNil:"_sel, nullptr) ? 1 : 0;
         }
-    }
+    });
     EXPECT_EQ(right, kThreads * kRounds);
 }
 

@@ -2,13 +2,13 @@
 
 #include <cstdint>
 #include <ctime>
-#include <latch>
 #include <limits>
 #include <mutex>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "Support/Threads.h"
 
 namespace vantorq {
 namespace {
@@ -35,20 +35,12 @@ TEST(UnfairLock, AdmitsOneThreadAtATime) {
     constexpr int kRounds = 20'000;
     UnfairLock lock;
     int count = 0;
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] {
-            start.arrive_and_wait();
-            for (int round = 0; round < kRounds; ++round) {
-                const std::lock_guard guard(lock);
-                ++count;
-            }
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    test::together(kThreads, [&](int) {
+        for (int round = 0; round < kRounds; ++round) {
+            const std::lock_guard guard(lock);
+            ++count;
+        }
+    });
     EXPECT_EQ(count, kThreads * kRounds);
 }
 

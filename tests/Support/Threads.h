@@ -4,9 +4,11 @@
 #include <concepts>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
 /// What the tests of threads share.
 namespace vantorq::test {
@@ -23,6 +25,19 @@ template <std::predicate Condition>
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+/// Runs `work(number)` on so many threads, numbered from 0, that begin together, and waits for all.
+template <std::invocable<int> Work>
+void together(int threadCount, Work work) {
+    std::latch start(threadCount);
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < threadCount; ++number) {
+        threads.emplace_back([&start, &work, number] {
+            start.arrive_and_wait();
+            work(number);
+        });
+    }
 }
 
 /// How many threads of the process have a name that begins so.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <signal.h>
 #include <string.h>
 #include <unistd.h>
@@ -20,7 +21,8 @@ inline constexpr int kTrapped = 86;
 /// writes.
 inline void reportTraps() {
     const auto report = [](int) {
-        const char* text = vntq_crash_text != nullptr ? vntq_crash_text : "(no crash text)";
+        const char* stored = std::atomic_ref(vntq_crash_text).load();  // others may trap as well
+        const char* text = stored != nullptr ? stored : "(no crash text)";
         const ssize_t written = write(STDERR_FILENO, text, strlen(text));
         _exit(written > 0 ? kTrapped : kTrapped + 1);
     };

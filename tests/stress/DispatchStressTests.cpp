@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/Threads.h"
 #include "VantorqFoundation/Platform/DispatchQueue.h"
 #include "VantorqFoundation/Platform/DispatchTimer.h"
 #include "VantorqFoundation/Platform/DispatchWorkItem.h"
@@ -18,29 +19,13 @@ namespace {
 
 constexpr int kThreads = 4;
 
-/// Runs `body(number)` on several threads that begin together.
-template <class F>
-void onThreads(F body) {
-    std::latch start(kThreads);
-    std::vector<std::thread> threads;
-    for (int number = 0; number < kThreads; ++number) {
-        threads.emplace_back([&, number] {
-            start.arrive_and_wait();
-            body(number);
-        });
-    }
-    for (auto& thread : threads) {
-        thread.join();
-    }
-}
-
 TEST(DispatchStress, EveryPieceOfWorkRunsOnce) {
     constexpr std::size_t kEach = 20'000;
     constexpr std::array qualities{DispatchQoS::userInteractive, DispatchQoS::default_,
                                    DispatchQoS::background};
     std::vector<std::atomic<int>> runs(kThreads * kEach);
     std::latch done(kThreads * kEach);
-    onThreads([&](int number) {
+    test::together(kThreads, [&](int number) {
         for (std::size_t i = 0; i < kEach; ++i) {
             auto& count = runs[static_cast<std::size_t>(number) * kEach + i];
             DispatchQueue::global(qualities[i % qualities.size()])->async([&] {
@@ -99,7 +84,7 @@ TEST(DispatchStress, ASerialQueueKeepsOrderAndExclusionAmongAsyncAndSync) {
     std::array<int, kThreads> last{};
     int total = 0;
     bool isOrdered = true;
-    onThreads([&](int number) {
+    test::together(kThreads, [&](int number) {
         for (int i = 1; i <= kEach; ++i) {
             const auto work = [&, number, i] {
                 int& previous = last[static_cast<std::size_t>(number)];
@@ -121,7 +106,7 @@ TEST(DispatchStress, ASerialQueueKeepsOrderAndExclusionAmongAsyncAndSync) {
 TEST(DispatchStress, ManySerialQueuesThatComeAndGo) {
     constexpr int kEach = 3'000;
     std::latch done(kThreads * kEach * 2);
-    onThreads([&](int) {
+    test::together(kThreads, [&](int) {
         for (int i = 0; i < kEach; ++i) {
             const auto queue = DispatchQueue::serial("short-lived");
             queue->async([&] { done.count_down(); });
@@ -134,7 +119,7 @@ TEST(DispatchStress, ManySerialQueuesThatComeAndGo) {
 TEST(DispatchStress, TimersThatAreCancelledWhileTheyFire) {
     constexpr int kEach = 3'000;
     std::atomic<int> lateHandlers = 0;
-    onThreads([&](int number) {
+    test::together(kThreads, [&](int number) {
         for (int i = 0; i < kEach; ++i) {
             const auto isOver = std::make_unique<std::atomic<bool>>(false);
             const auto queue = DispatchQueue::serial("s");
@@ -177,7 +162,7 @@ TEST(DispatchStress, TimersThatAreCancelledByAnotherThread) {
 TEST(DispatchStress, WorkItemsThatAreCancelledWaitedForAndFollowed) {
     constexpr int kEach = 2'000;
     std::latch followed(kThreads * kEach);
-    onThreads([&](int) {
+    test::together(kThreads, [&](int) {
         for (int i = 0; i < kEach; ++i) {
             std::atomic<int> runs = 0;
             const auto item = make<DispatchWorkItem>([&] { ++runs; });
@@ -212,7 +197,7 @@ TEST(DispatchStress, ARunLoopThatEverybodyFeeds) {
         loop->run();
     });
     isReady.wait();
-    onThreads([&](int) {
+    test::together(kThreads, [&](int) {
         for (int i = 0; i < kEach; ++i) {
             loop->performBlock([&] { ++performed; });
             source->signal();
@@ -239,7 +224,7 @@ TEST(DispatchStress, TheMainQueueFromManyThreads) {
     constexpr int kEach = 2'000;
     int count = 0;
     std::thread feeders([&] {
-        onThreads([&](int number) {
+        test::together(kThreads, [&](int number) {
             for (int i = 0; i < kEach; ++i) {
                 if (number == 0 && i % 20 == 0) {
                     DispatchQueue::main()->sync([&] { ++count; });

@@ -1,12 +1,12 @@
 #include <atomic>
 #include <latch>
 #include <random>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Support/Threads.h"
 #include "VantorqFoundation/VantorqFoundation.h"
 
 namespace vantorq {
@@ -35,26 +35,13 @@ public:
     std::atomic<bool> sawUnfinished{false};
 };
 
-/// Runs `work(thread number)` on several threads that begin together.
-template <class Work>
-void together(Work work) {
-    std::latch start(kThreads);
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&start, &work, t] {
-            start.arrive_and_wait();
-            work(t);
-        });
-    }
-}
-
 TEST(NSOperationQueueStress, ManyThreadsAddToOneQueueAndItsLimitHolds) {
     const auto queue = make<NSOperationQueue>();
     queue->setMaxConcurrentOperationCount(3);
     std::atomic<int> running{0};
     std::atomic<int> runs{0};
     std::atomic<bool> wasExceeded{false};
-    together([&](int) {
+    test::together(kThreads, [&](int) {
         for (int n = 0; n < 1'000; ++n) {
             queue->addOperationWithBlock([&] {
                 if (++running > 3) {
@@ -73,7 +60,7 @@ TEST(NSOperationQueueStress, ManyThreadsAddToOneQueueAndItsLimitHolds) {
 TEST(NSOperationQueueStress, EveryOperationEndsOnceWhateverIsDoneToTheQueueMeanwhile) {
     const auto queue = make<NSOperationQueue>();
     std::vector<std::vector<Ref<CountedOperation>>> added(kThreads);
-    together([&](int t) {
+    test::together(kThreads, [&](int t) {
         for (int n = 0; n < 500; ++n) {
             auto operation = make<CountedOperation>();
             added[static_cast<std::size_t>(t)].push_back(operation);
@@ -124,7 +111,7 @@ TEST(NSOperationQueueStress, OperationsRunAfterTheirDependenciesAcrossQueues) {
             operations[n]->addDependency(*operations[random() % n]);
         }
     }
-    together([&](int t) {
+    test::together(kThreads, [&](int t) {
         for (auto n = static_cast<std::size_t>(t); n < kOperations; n += kThreads) {
             queues[n % 2]->addOperation(*operations[kOperations - 1 - n]);
         }
@@ -145,7 +132,7 @@ TEST(NSOperationQueueStress, ADependencyThatFinishesWhileItIsAddedIsNotMissed) {
         for (int t = 0; t < kThreads; ++t) {
             dependents.push_back(make<CountedOperation>());
         }
-        together([&](int t) {
+        test::together(kThreads, [&](int t) {
             if (t == 0) {
                 dependency->start();
             }
@@ -164,7 +151,7 @@ TEST(NSOperationQueueStress, StartAndCancelRaceToOneEnd) {
         const auto operation = make<CountedOperation>();
         operation->addDependency(*dependency);
         dependency->start();
-        together([&](int t) {
+        test::together(kThreads, [&](int t) {
             if (t % 2 == 0) {
                 operation->start();
             } else {
@@ -186,7 +173,7 @@ TEST(NSOperationQueueStress, ThreadsThatWaitAllSeeTheEnd) {
             ++completions;
             completed.count_down();
         });
-        together([&](int t) {
+        test::together(kThreads, [&](int t) {
             if (t == 0) {
                 queue->addOperation(*operation);
             }

@@ -2,13 +2,12 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <latch>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Support/Threads.h"
 #include "VantorqFoundation/Platform/RefCounted.h"
 
 namespace vantorq {
@@ -37,25 +36,12 @@ private:
     std::uint64_t mark_ = kAlive;
 };
 
-/// Runs `work(thread number)` on several threads that begin together.
-template <class Work>
-void together(Work work) {
-    std::latch start(kThreads);
-    std::vector<std::jthread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&start, &work, t] {
-            start.arrive_and_wait();
-            work(t);
-        });
-    }
-}
-
 TEST(RefCountedStress, AnObjectSharedByManyThreadsIsDestroyedOnceByTheLast) {
     std::atomic<int> living{0};
     for (int round = 0; round < 200; ++round) {
         std::array<Ref<Thing>, kThreads> owners;
         owners.fill(make<Thing>(living));
-        together([&](int t) {
+        test::together(kThreads, [&](int t) {
             Ref<Thing> mine = std::move(owners[static_cast<std::size_t>(t)]);
             for (int n = 0; n < 100; ++n) {
                 const Ref<Thing> copy = mine;
@@ -77,7 +63,7 @@ TEST(RefCountedStress, AWeakLoadThatRacesWithTheLastReleaseGivesTheLivingObjectO
         owners.push_back(make<Thing>(living));
         handles.emplace_back(owners.back());
     }
-    together([&](int t) {
+    test::together(kThreads, [&](int t) {
         for (std::size_t n = 0; n < kObjects; ++n) {
             if (t == 0) {
                 owners[n].reset();
@@ -102,7 +88,8 @@ TEST(RefCountedStress, TheFirstWeakHandlesOfAnObjectMayBeMadeAtOnce) {
     for (int round = 0; round < 500; ++round) {
         const auto owner = make<Thing>(living);
         std::array<Weak<Thing>, kThreads> handles;
-        together([&](int t) { handles[static_cast<std::size_t>(t)] = Weak<Thing>(owner); });
+        test::together(kThreads,
+                       [&](int t) { handles[static_cast<std::size_t>(t)] = Weak<Thing>(owner); });
         for (const auto& handle : handles) {
             ASSERT_TRUE(handle.refersToSameObjectAs(handles[0]));
             ASSERT_EQ(handle.load(), owner);
@@ -116,7 +103,7 @@ TEST(RefCountedStress, OneOfManyAttachmentsWinsAndAllAreDestroyed) {
     for (int round = 0; round < 500; ++round) {
         auto owner = make<Thing>(living);
         std::array<RefCounted*, kThreads> winners{};
-        together([&](int t) {
+        test::together(kThreads, [&](int t) {
             winners[static_cast<std::size_t>(t)] =
                 owner->setAttachmentOnce(make<Thing>(living).get());
         });
@@ -132,7 +119,7 @@ TEST(RefCountedStress, OneOfManyAttachmentsWinsAndAllAreDestroyed) {
 TEST(RefCountedStress, WeakHandlesOfShortLivedObjectsNeverMeetAnotherObject) {
     std::atomic<int> living{0};
     std::array<std::atomic<int>, kThreads> wrong{};
-    together([&](int t) {
+    test::together(kThreads, [&](int t) {
         std::vector<std::pair<Weak<Thing>, Thing*>> kept;
         for (int n = 0; n < 20'000; ++n) {
             auto thing = make<Thing>(living);
@@ -161,7 +148,7 @@ TEST(RefCountedStress, AnAtomicRefIsReadAndReplacedByManyThreads) {
     std::atomic<int> living{0};
     {
         AtomicRef<Thing> shared;
-        together([&](int t) {
+        test::together(kThreads, [&](int t) {
             for (int n = 0; n < 100'000; ++n) {
                 if (t % 2 == 0) {
                     if (const auto loaded = shared.load()) {

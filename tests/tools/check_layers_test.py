@@ -76,6 +76,16 @@ class CheckLayers(unittest.TestCase):
         self.assert_refused(PUBLIC + "Platform/NSObject.h", "#include <pthread.h>",
                             "standard library and our own")
 
+    def test_a_public_header_may_be_allowed_one_system_header(self):
+        layers.TOPICS["ReadWriteLock.h"] = layers.Topic("Concurrency")
+        lock = PUBLIC + "ReadWriteLock.h"
+        umbrella = PUBLIC + "VantorqFoundation.h"
+        tree = {umbrella: TREE[umbrella] + '#include "ReadWriteLock.h"\n'}
+        self.assertEqual(self.violations({**tree, lock: "#include <pthread.h>\n"}), [])
+        violations = self.violations({**tree, lock: "#include <unistd.h>\n"})
+        self.assertEqual(len(violations), 1, violations)
+        self.assertIn("standard library and our own", violations[0])
+
     def test_public_headers_include_no_private_header(self):
         self.assert_refused(PUBLIC + "Top.h", '#include "Sources/Operations/Shared.h"',
                             "a private one")

@@ -47,14 +47,6 @@ Job* Actor::nextOrUnlock() noexcept {
     return std::exchange(turn_, turn_->next);
 }
 
-/// Gives the actor free, which the thread has held without a count, for those in line.
-void Actor::passOn() noexcept {
-    if (Job* const next = nextOrUnlock()) {
-        retain();
-        post(*next);
-    }
-}
-
 void Actor::leaveCurrent(detail::Context& here) noexcept {
     if (Actor* const actor = std::exchange(here.actor, nullptr)) {
         if (Job* const next = actor->nextOrUnlock()) {

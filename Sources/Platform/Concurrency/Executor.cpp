@@ -17,7 +17,8 @@ detail::Context& detail::context() noexcept {
 
 /// Sends a job that has its actor, or needs none, to where its task runs.
 void post(detail::Job& job) noexcept {
-    if (Executor* home = job.task->home().get()) {
+    // Once it is queued, the job may be run and its task be gone.
+    if (const Ref<Executor> home = job.task->home()) {
         home->enqueue(job);
     } else {
         PoolQueue::global(DispatchQoS::default_).async([&job] { detail::run(job); });
@@ -27,7 +28,7 @@ void post(detail::Job& job) noexcept {
 void detail::run(Job& first) noexcept {
     Context& here = threadContext;
     const Context outer = here;
-    const Executor* const home = first.task->home().get();
+    const Ref<Executor> home = first.task->home();
     Job* job = &first;
     do {
         here.task = job->task;

@@ -37,14 +37,6 @@ void TaskState::runHere() noexcept {
     here.isBorrowed = outer;
 }
 
-std::coroutine_handle<> TaskState::startHere() noexcept {
-    retain();
-    Context& here = context();
-    (void)enter(nullptr, job_);
-    here.task = this;
-    return job_.handle;
-}
-
 std::coroutine_handle<> detail::PromiseBase::endTask(TaskState& task) noexcept {
     return task.end();
 }
@@ -53,6 +45,18 @@ std::coroutine_handle<> detail::PromiseBase::endTask(TaskState& task) noexcept {
 std::coroutine_handle<> TaskState::end() noexcept {
     const auto self = Ref<TaskState>::adopt(this);
     collect();
+    return goOnWith(markDone());
+}
+
+void TaskState::finish() noexcept {
+    Job* waiters = markDone();
+    while (waiters != nullptr) {
+        resume(*std::exchange(waiters, waiters->next));
+    }
+}
+
+/// Those who waited, in the order of their arrival.
+Job* TaskState::markDone() noexcept {
     std::uint32_t flags;
     Job* newestFirst;
     {
@@ -67,7 +71,7 @@ std::coroutine_handle<> TaskState::end() noexcept {
     while (newestFirst != nullptr) {
         waiters = std::exchange(newestFirst, std::exchange(newestFirst->next, waiters));
     }
-    return goOnWith(waiters);
+    return waiters;
 }
 
 /// Resumes those who waited, the first of them on this thread if it may go on there.
@@ -110,7 +114,7 @@ void TaskState::wait() noexcept {
 
 // Cancelling.
 
-void TaskState::cancel() {
+void TaskState::cancel() noexcept {
     if ((flags_.fetch_or(kCancelled, std::memory_order_acq_rel) & kCancelled) != 0) {
         return;
     }

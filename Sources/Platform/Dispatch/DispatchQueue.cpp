@@ -139,7 +139,7 @@ void DispatchQueue::enqueueAfter(double seconds, Work& work) {
         return;
     }
     const std::int64_t due = instantAfter(monotonicNow(), delay);
-    TimerStore::shared().arm(*new DelayedWork(*this, work), due,
+    TimerStore::monotonic().arm(*new DelayedWork(*this, work), due,
                              instantAfter(due, std::min(delay / 100, kMostLeeway)));
 }
 

@@ -55,7 +55,7 @@ void DispatchTimer::arm(std::int64_t newDue, std::int64_t newLatest) {
     if (handler_->isOver()) {
         return;
     }
-    TimerStore::shared().arm(*this, newDue, newLatest);
+    TimerStore::monotonic().arm(*this, newDue, newLatest);
     // Set last: a cancellation that comes in between leaves the entry to the destructor.
     mayBeArmed_.store(true, std::memory_order_release);
 }
@@ -65,7 +65,7 @@ void DispatchTimer::cancel() noexcept {
         handler_->cancel();
     }
     if (mayBeArmed_.exchange(false, std::memory_order_acq_rel)) {
-        TimerStore::shared().disarm(*this);
+        TimerStore::monotonic().disarm(*this);
     }
 }
 

@@ -7,14 +7,24 @@
 
 namespace vantorq {
 
-/// Instants of `CLOCK_MONOTONIC` and lengths of time, both in nanoseconds. The greatest is "never".
+/// Instants of a clock and lengths of time, both in nanoseconds. The greatest is "never".
 inline constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
 inline constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 
-inline std::int64_t monotonicNow() noexcept {
+inline std::int64_t nowOf(clockid_t clock) noexcept {
     timespec now;
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    ::clock_gettime(clock, &now);
     return now.tv_sec * kNanosecondsPerSecond + now.tv_nsec;
+}
+
+/// Stands still while the machine sleeps.
+inline std::int64_t monotonicNow() noexcept {
+    return nowOf(CLOCK_MONOTONIC);
+}
+
+/// Counts on while the machine sleeps.
+inline std::int64_t continuousNow() noexcept {
+    return nowOf(CLOCK_BOOTTIME);
 }
 
 /// `now + delay`, both not negative, held at "never".

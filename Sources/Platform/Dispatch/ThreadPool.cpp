@@ -70,7 +70,7 @@ struct ThreadPool::Monitor : TimerEntry {
 
     void lookAfter(std::int64_t delay) {
         const std::int64_t next = monotonicNow() + delay;
-        TimerStore::shared().arm(*this, next, next);
+        TimerStore::monotonic().arm(*this, next, next);
     }
 
     ThreadPool& pool;

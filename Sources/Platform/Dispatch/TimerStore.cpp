@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "MonotonicTime.h"
-#include "Sources/Platform/Concurrency/Futex.h"
 #include "Thread.h"
 #include "VantorqFoundation/Platform/Trap.h"
 
@@ -18,8 +17,13 @@ constexpr std::int64_t kIdleTime = kNanosecondsPerSecond;
 
 }  // namespace
 
-TimerStore& TimerStore::shared() {
-    static TimerStore& store = *new TimerStore;
+TimerStore& TimerStore::monotonic() {
+    static TimerStore& store = *new TimerStore(*new MonotonicAlarm);
+    return store;
+}
+
+TimerStore& TimerStore::continuous() {
+    static TimerStore& store = *new TimerStore(*new ContinuousAlarm);
     return store;
 }
 
@@ -49,16 +53,16 @@ void TimerStore::arm(TimerEntry& entry, std::int64_t due, std::int64_t latest) {
             VNTQ_TRAP("DispatchTimer: the system has no room for a thread");
         }
     } else if (needsWakeUp) {
-        wakeThread();
+        alarm_.wake();
     }
 }
 
-void TimerStore::disarm(TimerEntry& entry) noexcept {
+bool TimerStore::disarm(TimerEntry& entry) noexcept {
     bool needsWakeUp = false;
     {
         const std::lock_guard guard(lock_);
         if (entry.index == TimerEntry::kNotArmed) {
-            return;
+            return false;
         }
         remove(entry);
         wasUsed_ = true;
@@ -66,13 +70,9 @@ void TimerStore::disarm(TimerEntry& entry) noexcept {
         needsWakeUp = nextWakeUp() == kNever && std::exchange(sleepsForLong_, false);
     }
     if (needsWakeUp) {
-        wakeThread();
+        alarm_.wake();
     }
-}
-
-void TimerStore::wakeThread() noexcept {
-    wakeUps_.fetch_add(1, std::memory_order_release);
-    futexWakeOne(wakeUps_);
+    return true;
 }
 
 void TimerStore::threadMain() {
@@ -96,8 +96,8 @@ void TimerStore::threadMain() {
 /// Sleeps until a timer may be due; false when the thread is to end.
 bool TimerStore::waitForWork() {
     for (;;) {
-        const std::uint32_t wakeUps = wakeUps_.load(std::memory_order_acquire);
-        const std::int64_t now = monotonicNow();
+        const std::uint32_t wakeUps = alarm_.wakeUps();
+        const std::int64_t now = alarm_.now();
         std::int64_t until;
         {
             const std::lock_guard guard(lock_);
@@ -119,7 +119,7 @@ bool TimerStore::waitForWork() {
             until = sleepsForLong_ ? next : std::min(next, soon);
             sleepsUntil_ = until;
         }
-        futexWait(wakeUps_, wakeUps, until);
+        alarm_.sleepUntil(until, wakeUps);
     }
 }
 
@@ -129,7 +129,7 @@ std::int64_t TimerStore::nextWakeUp() const noexcept {
 }
 
 void TimerStore::takeDue(std::vector<DueWork>& out) {
-    const std::int64_t now = monotonicNow();
+    const std::int64_t now = alarm_.now();
     while (!heap_.empty() && heap_.front()->due <= now) {
         TimerEntry& entry = *heap_.front();
         remove(entry);

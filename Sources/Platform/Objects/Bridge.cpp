@@ -65,6 +65,10 @@ id bridgeEntries(std::vector<std::pair<id, id>> entries) {
     return NSDictionary::dictionary(entries);
 }
 
+bool isNilOrNull(const NSObject* object) noexcept {
+    return object == nullptr || object == &NSNull::null();
+}
+
 std::optional<std::int64_t> unbridgeSigned(const NSObject* object) {
     const auto* number = objectCast<NSNumber>(object);
     return number != nullptr ? number->exactInt64() : std::nullopt;

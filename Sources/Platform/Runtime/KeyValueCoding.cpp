@@ -232,8 +232,7 @@ Ref<NSDictionary> NSObject::dictionaryWithValuesForKeys(const NSArray& keys) con
                   " dictionaryWithValuesForKeys:]: a key is no string but of class ",
                   key->objectClass().name()});
         }
-        const id value = valueForKey(*name);
-        values->setObjectForKey(value != nullptr ? value : id(NSNull::null()), *key);
+        values->setObjectForKey(NSNull::orNull(valueForKey(*name)), *key);
     }
     return values;
 }

@@ -97,10 +97,6 @@ Change takeChange(const NSObject* object, const NSString& key) {
     return {};
 }
 
-id nilAsNull(id value) {
-    return value != nullptr ? std::move(value) : id(NSNull::null());
-}
-
 std::uint64_t nextRegistrationNumber() noexcept {
     static constinit std::atomic<std::uint64_t> last{0};
     return ++last;
@@ -139,7 +135,7 @@ void NSObject::addObserver(NSObject& observer, const NSArray& keys, Options opti
             const auto& name = static_cast<const NSString&>(*key);
             KeyValueChange change;
             if (contains(options, Options::newValue)) {
-                change.newValue = nilAsNull(valueForKey(name));
+                change.newValue = NSNull::orNull(valueForKey(name));
             }
             observer.observeValueForKeyPath(name, *this, change, context);
         }
@@ -217,7 +213,7 @@ void NSObject::willChangeValueForKey(const NSString& key) {
         KeyValueChange change;
         change.isPrior = true;
         if (wantsOld) {
-            change.oldValue = nilAsNull(valueForKey(key));
+            change.oldValue = NSNull::orNull(valueForKey(key));
             underWay.oldValues.emplace_back(one.number, change.oldValue);
         }
         if (wantsPrior) {
@@ -250,7 +246,7 @@ void NSObject::didChangeValueForKey(const NSString& key) {
             told.oldValue = change.oldValueFor(one);
         }
         if (contains(one.options, Options::newValue)) {
-            told.newValue = nilAsNull(valueForKey(key));
+            told.newValue = NSNull::orNull(valueForKey(key));
         }
         if (const auto observer = one.observer.load()) {
             observer->observeValueForKeyPath(key, *this, told, one.context);

@@ -1,5 +1,6 @@
 #include "VantorqFoundation/Platform/Trap.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstring>
@@ -17,17 +18,16 @@ void trap(const char* text) noexcept {
 }
 
 void trap(std::initializer_list<std::string_view> pieces) noexcept {
-    static constinit std::atomic_flag taken;
-    static constinit char text[1024] = {};
-    if (taken.test_and_set()) {
-        trap("another thread has trapped");
-    }
+    // On the stack, which this thread never leaves, so that threads that trap at once do not write
+    // into each other's text.
+    char text[1024];
     std::size_t used = 0;
     for (const std::string_view piece : pieces) {
         const std::size_t count = std::min(piece.size(), sizeof text - 1 - used);
         std::memcpy(text + used, piece.data(), count);
         used += count;
     }
+    text[used] = '\0';
     trap(text);
 }
 

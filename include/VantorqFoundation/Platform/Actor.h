@@ -29,9 +29,10 @@ namespace vantorq {
 /// it goes on. So what an actor guards may have changed across an await, and never else. A caller
 /// goes on where it was, whatever actors the called function has entered.
 ///
-/// Entering an idle actor takes one atomic operation, no memory, and no change of thread. Code that
+/// Entering an idle actor takes no lock, no memory, and no change of thread. Code that
 /// finds the actor busy is queued in its own frame, and goes on in the order of arrival. As with
-/// any object, who calls an actor's functions keeps it alive until they have ended.
+/// any object, who calls an actor's functions keeps it alive until they have ended. Code that comes
+/// back to an idle actor has it from the moment it is sent to its executor.
 ///
 /// Threads: any. Derive from it, or use it as it is and hold it with `make<Actor>()`.
 class VNTQ_EXPORT Actor : public RefCounted {
@@ -59,28 +60,6 @@ public:
 protected:
     ~Actor() override;
 
-    /// Has the actor for itself, for a few lines of code that do not suspend, if it is idle.
-    ///
-    ///     if (const IdleScope scope(*this); scope) { … }
-    class IdleScope {
-    public:
-        explicit IdleScope(Actor& actor) noexcept
-            : actor_(actor), isOurs_(!actor.isCurrent()), isEntered_(!isOurs_ || actor.tryLock()) {}
-        ~IdleScope() {
-            if (isEntered_ && isOurs_) {
-                actor_.unlock();
-            }
-        }
-        IdleScope(const IdleScope&) = delete;
-        IdleScope& operator=(const IdleScope&) = delete;
-        explicit operator bool() const noexcept { return isEntered_; }
-
-    private:
-        Actor& actor_;
-        const bool isOurs_;
-        const bool isEntered_;
-    };
-
 private:
     friend void detail::run(detail::Job&) noexcept;
     friend void detail::resume(detail::Job&) noexcept;
@@ -91,20 +70,6 @@ private:
     static constexpr std::uintptr_t kIdle = 0;
     static constexpr std::uintptr_t kHeld = 1;
 
-    bool tryLock() noexcept {
-        std::uintptr_t idle = kIdle;
-        return line_.compare_exchange_strong(idle, kHeld, std::memory_order_acquire,
-                                             std::memory_order_relaxed);
-    }
-    void unlock() noexcept {
-        std::uintptr_t held = kHeld;
-        if (turn_ != nullptr ||
-            !line_.compare_exchange_strong(held, kIdle, std::memory_order_release,
-                                           std::memory_order_relaxed)) {
-            passOn();
-        }
-    }
-    void passOn() noexcept;
     detail::Job* nextOrUnlock() noexcept;
     bool lockOrQueue(detail::Job& job) noexcept;
     static void leaveCurrent(detail::Context& here) noexcept;

@@ -189,6 +189,13 @@ public:
     /// Whether the result is there without waiting.
     [[nodiscard]] bool isReady() const noexcept { return ready_.has_value(); }
 
+    /// The result, moved out, of one that is ready.
+    [[nodiscard]] T takeReady() {
+        if constexpr (!std::is_void_v<T>) {
+            return *std::move(ready_);
+        }
+    }
+
     /// Runs the function and gives its result; once.
     auto operator co_await() && noexcept { return Awaiter(*this); }
 

@@ -19,9 +19,9 @@
 /// (NSString, from UTF-8), optional (nil when empty), vector or other range (NSArray; an empty
 /// optional inside becomes the null object) or map (NSDictionary); an object is its own bridge.
 /// `unbridge<T>(object)` reads a `T` back, or nothing when the object is nil, is of another kind,
-/// or holds a number that `T` cannot represent exactly (`float` takes any number, rounded). A type
-/// of the host joins in by an overload of `bridge` beside it, and by a specialisation of
-/// `BridgeTraits`.
+/// or holds a number that `T` cannot represent exactly (`float` takes any number, rounded). Where
+/// `T` is an optional, nil and the null object are read as an empty one. A type of the host joins
+/// in by an overload of `bridge` beside it, and by a specialisation of `BridgeTraits`.
 ///
 /// Threads: any.
 namespace vantorq {
@@ -36,6 +36,8 @@ VNTQ_EXPORT id bridgeText(std::string_view utf8);
 VNTQ_EXPORT id bridgeSequence(std::vector<id> elements);
 VNTQ_EXPORT id bridgeEntries(std::vector<std::pair<id, id>> entries);
 
+/// Whether the object is nil or the null object.
+VNTQ_EXPORT bool isNilOrNull(const NSObject* object) noexcept;
 VNTQ_EXPORT std::optional<std::int64_t> unbridgeSigned(const NSObject* object);
 VNTQ_EXPORT std::optional<std::uint64_t> unbridgeUnsigned(const NSObject* object);
 VNTQ_EXPORT std::optional<double> unbridgeDouble(const NSObject* object);
@@ -186,6 +188,19 @@ struct BridgeTraits<Ref<T>> {
             auto* typed = const_cast<T*>(objectCast<T>(object));
             return typed != nullptr ? std::optional(Ref<T>(typed)) : std::nullopt;
         }
+    }
+};
+template <class T>
+struct BridgeTraits<std::optional<T>> {
+    static std::optional<std::optional<T>> unbridge(const NSObject* object) {
+        if (detail::isNilOrNull(object)) {
+            return std::optional<T>();
+        }
+        auto value = BridgeTraits<T>::unbridge(object);
+        if (!value) {
+            return std::nullopt;
+        }
+        return value;
     }
 };
 template <class T>

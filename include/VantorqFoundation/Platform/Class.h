@@ -274,6 +274,9 @@ struct InstanceMethod<Function, R (*)(Receiver, A...)> {
     };
     using Bound = typename BoundMethod<Function, R, A...>::template With<Call>;
 };
+template <auto Function, class Receiver, class R, class... A>
+struct InstanceMethod<Function, R (*)(Receiver, A...) noexcept>
+    : InstanceMethod<Function, R (*)(Receiver, A...)> {};
 
 template <auto Function, class Type = decltype(Function)>
 struct StaticMethod;
@@ -293,6 +296,8 @@ struct StaticMethod<Function, R (*)(const Class&, A...)> {
     };
     using Bound = typename BoundMethod<Function, R, A...>::template With<Call>;
 };
+template <auto Function, class R, class... A>
+struct StaticMethod<Function, R (*)(A...) noexcept> : StaticMethod<Function, R (*)(A...)> {};
 
 template <auto Function>
 struct FormatMethod {
@@ -362,11 +367,13 @@ constexpr PropertyInfo classProperty(std::string_view name) {
 
 /// Defines the tables of a class; stands once, in a source file, at namespace scope. The rest of
 /// the arguments is the initialiser of a `ClassTables`, in braces.
-#define VNTQ_DEFINE_CLASS(Type, ...)                                                          \
-    constinit const ::vantorq::ClassInfo Type::kClass{#Type, &Type::ObjectSuper::classObject, \
-                                                      ::vantorq::detail::allocator<Type>(),   \
-                                                      __VA_ARGS__};                           \
-    const ::vantorq::Class& Type::classObject() {                                             \
-        static const ::vantorq::Class& cls = ::vantorq::Class::of(kClass);                    \
-        return cls;                                                                           \
+#define VNTQ_DEFINE_CLASS(Type, ...) VNTQ_DEFINE_CLASS_NAMED(Type, #Type, __VA_ARGS__)
+
+/// The same for a class that the runtime knows by another name.
+#define VNTQ_DEFINE_CLASS_NAMED(Type, Name, ...)                                                   \
+    constinit const ::vantorq::ClassInfo Type::kClass{                                             \
+        Name, &Type::ObjectSuper::classObject, ::vantorq::detail::allocator<Type>(), __VA_ARGS__}; \
+    const ::vantorq::Class& Type::classObject() {                                                  \
+        static const ::vantorq::Class& cls = ::vantorq::Class::of(kClass);                         \
+        return cls;                                                                                \
     }

@@ -71,7 +71,11 @@ public:
         requires std::constructible_from<detail::Stored<T>, A...>
     void resume(A&&... value) const {
         claim();
-        state_->outcome.setValue(std::forward<A>(value)...);
+        try {
+            state_->outcome.setValue(std::forward<A>(value)...);
+        } catch (...) {
+            state_->outcome.setError(std::current_exception());
+        }
         state_->finish();
     }
     /// The await throws `error`.
@@ -119,8 +123,10 @@ public:
         // The frame may be gone as soon as the body has handed the continuation on.
         const Ref<ContinuationState<T>> state = state_;
         noteSuspension(state->job, awaiter);
-        Body body = std::move(body_);
-        body(Continuation<T, Failure>(state));
+        {
+            Body body = std::move(body_);
+            body(Continuation<T, Failure>(state));
+        }
         return state->suspend();
     }
     T await_resume() { return state_->outcome.take(); }

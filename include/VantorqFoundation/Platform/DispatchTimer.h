@@ -19,12 +19,12 @@ namespace detail {
 
 struct DueWork;
 
-/// A place in the process's store of timers, which is ordered by the last moment to fire.
+/// A place in a store of timers, which is ordered by the last moment to fire.
 struct TimerEntry {
     static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
     static constexpr std::size_t kNotArmed = std::numeric_limits<std::size_t>::max();
 
-    std::int64_t due = kNever;     ///< nanoseconds of `CLOCK_MONOTONIC`
+    std::int64_t due = kNever;     ///< nanoseconds of the store's clock
     std::int64_t latest = kNever;  ///< `due` plus the leeway
     std::size_t index = kNotArmed;
     /// What is to be done now that the time has come. Called with the store locked.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <coroutine>
+#include <utility>
 
 #include "Export.h"
 #include "RefCounted.h"
@@ -33,6 +34,18 @@ struct Context {
 
 VNTQ_EXPORT Context& context() noexcept;
 
+/// While it lasts, the code that the thread runs belongs to no task.
+class OutsideOfTasks {
+public:
+    OutsideOfTasks() noexcept : task_(std::exchange(context().task, nullptr)) {}
+    ~OutsideOfTasks() { context().task = task_; }
+    OutsideOfTasks(const OutsideOfTasks&) = delete;
+    OutsideOfTasks& operator=(const OutsideOfTasks&) = delete;
+
+private:
+    TaskState* task_;
+};
+
 /// Runs a job that was taken out of an executor, and what follows on from it on the same thread.
 VNTQ_EXPORT void run(Job& job) noexcept;
 /// Sends a suspended job to its actor, or to its task's executor.
@@ -55,7 +68,8 @@ inline void noteSuspension(Job& job, std::coroutine_handle<> handle) noexcept {
 ///
 /// A host that has a loop of its own derives from this one and hands `enqueue`d jobs to `run` on
 /// whichever thread it likes; testing/ManualExecutor.h is one for tests. A task's executor is also
-/// that of the tasks that it starts.
+/// that of the tasks that it starts. A job that waits in an executor may have an actor to itself
+/// already, so a job that is never run may keep others waiting for ever.
 ///
 /// Threads: `enqueue` is called from any thread, and may not run the job itself.
 class VNTQ_EXPORT Executor : public RefCounted {

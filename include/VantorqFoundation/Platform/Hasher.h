@@ -60,6 +60,12 @@ public:
 
     [[nodiscard]] std::uint64_t finish() const noexcept { return fold(state_, kFinisher); }
 
+    /// Spreads one word over all bits, for tables whose hash function may leave it as it is. Not
+    /// seeded.
+    [[nodiscard]] static std::uint64_t mix(std::uint64_t word) noexcept {
+        return fold(word ^ kFinisher, kMultiplier);
+    }
+
     /// The process's seed.
     VNTQ_EXPORT static std::uint64_t seed() noexcept;
 

@@ -16,7 +16,7 @@ enum class NSPredicateOperatorType : NSUInteger {
     notEqualTo = 5,
     beginsWith = 8,
     endsWith = 9,
-    in = 10,        ///< the value is a member of the constant, an array or a set
+    in = 10,        ///< the constant, an array, a set or text, contains the value
     contains = 99,  ///< the value, an array, a set or text, contains the constant
 };
 

@@ -41,7 +41,7 @@ namespace detail {
 
 /// A function to call when a task is cancelled. Stands in the frame of the code that waits.
 struct CancellationHandler {
-    void (*call)(CancellationHandler& self) = nullptr;
+    void (*call)(CancellationHandler& self) noexcept = nullptr;
     CancellationHandler* previous = nullptr;
     CancellationHandler* next = nullptr;
 };
@@ -54,7 +54,7 @@ public:
     /// Null: the default global queue.
     [[nodiscard]] const Ref<Executor>& home() const noexcept { return home_; }
 
-    void cancel();
+    void cancel() noexcept;
     [[nodiscard]] bool isCancelled() const noexcept {
         return (flags_.load(std::memory_order_acquire) & kCancelled) != 0;
     }
@@ -76,8 +76,8 @@ public:
 
     /// Starts the task by sending its function to the executor.
     void start() noexcept;
-    /// Starts the task on this thread: what the caller, which suspends, has to transfer to.
-    std::coroutine_handle<> startHere() noexcept;
+    /// Ends a task that has no coroutine, once its outcome is there, for those who wait.
+    void finish() noexcept;
 
 protected:
     ~TaskState() override = default;
@@ -88,7 +88,7 @@ protected:
         promise.ownTask = this;
     }
     /// Takes the coroutine's outcome over and frees the coroutine.
-    virtual void collect() noexcept = 0;
+    virtual void collect() noexcept {}
 
 private:
     friend class PromiseBase;
@@ -98,6 +98,7 @@ private:
     static constexpr std::uint32_t kIsWaitedForByThread = 4;
 
     std::coroutine_handle<> end() noexcept;
+    Job* markDone() noexcept;
     std::coroutine_handle<> goOnWith(Job* waiters) noexcept;
     void unlink(CancellationHandler& handler) noexcept;
 
@@ -122,6 +123,7 @@ public:
 protected:
     ~TaskOf() override = default;
 
+    /// Of an `Async` that is not ready.
     void adopt(Async<T>& async) noexcept {
         setCoroutine(async.coroutine_, async.coroutine_.promise());
     }
@@ -139,6 +141,33 @@ Async<T> coroutineOf(Async<T> async) {
     return
         [](Async<T> ready) -> Async<T> { co_return co_await std::move(ready); }(std::move(async));
 }
+
+/// The executor of the task whose code the caller is; null outside of any.
+inline Ref<Executor> currentHome() noexcept {
+    const TaskState* current = context().task;
+    return current != nullptr ? current->home() : nullptr;
+}
+
+/// A task that runs what a function has returned.
+template <class T>
+class TaskWithAsync : public TaskOf<T> {
+public:
+    TaskWithAsync(Ref<Executor> home, Async<T> async)
+        : TaskOf<T>(std::move(home)), async_(coroutineOf(std::move(async))) {
+        this->adopt(*async_);
+    }
+
+protected:
+    ~TaskWithAsync() override = default;
+
+    void collect() noexcept override {
+        this->collectFrom(*async_);
+        async_.reset();
+    }
+
+private:
+    std::optional<Async<T>> async_;
+};
 
 /// A task with the function that it runs.
 template <class T, class F>
@@ -201,20 +230,15 @@ public:
     template <class F>
         requires std::same_as<std::invoke_result_t<std::decay_t<F>&>, Async<Success>>
     static Task start(F&& function, TaskOptions options = {}) {
-        Task task = prepare(std::forward<F>(function), std::move(options));
+        Task task;
+        task.state_ = make<detail::TaskWithFunction<Success, std::decay_t<F>>>(
+            options.executor != nullptr ? std::move(options.executor) : detail::currentHome(),
+            std::forward<F>(function));
         task.state_->start();
         return task;
     }
-    /// Makes a task that is not started yet; see `detail::TaskState::startHere`.
-    template <class F>
-    static Task prepare(F&& function, TaskOptions options = {}) {
-        Task task;
-        task.state_ = make<detail::TaskWithFunction<Success, std::decay_t<F>>>(
-            homeFor(std::move(options.executor)), std::forward<F>(function));
-        return task;
-    }
 
-    void cancel() const { state_->cancel(); }
+    void cancel() const noexcept { state_->cancel(); }
     [[nodiscard]] bool isCancelled() const noexcept { return state_->isCancelled(); }
     [[nodiscard]] bool isDone() const noexcept { return state_->isDone(); }
 
@@ -222,8 +246,11 @@ public:
     [[nodiscard]] auto value() const noexcept { return ValueAwaiter{{state_, {}}}; }
     /// Awaited, gives the outcome when the work has ended.
     [[nodiscard]] auto result() const noexcept { return ResultAwaiter{{state_, {}}}; }
-    /// The outcome; the work has to have ended.
+    /// The outcome; traps when the work has not ended.
     [[nodiscard]] Outcome outcome() const {
+        if (!isDone()) {
+            VNTQ_TRAP("Task: the outcome of work that has not ended was asked for");
+        }
         if (std::exception_ptr error = state_->outcome.error()) {
             if constexpr (std::same_as<Failure, Never>) {
                 std::rethrow_exception(std::move(error));
@@ -271,15 +298,6 @@ private:
 
     Task() noexcept = default;
 
-    static Ref<Executor> homeFor(Ref<Executor> executor) noexcept {
-        if (executor == nullptr) {
-            if (const detail::TaskState* current = detail::context().task) {
-                return current->home();
-            }
-        }
-        return executor;
-    }
-
     Ref<detail::TaskOf<Success>> state_;
 };
 
@@ -298,7 +316,7 @@ inline void checkCancellation() {
     }
 }
 
-/// Awaited, lets what else waits for the executor run first.
+/// Awaited, lets what else waits for the executor run first; on an actor, what else waits for that.
 inline auto yield() noexcept {
     struct Awaiter {
         [[nodiscard]] bool await_ready() const noexcept { return false; }
@@ -322,8 +340,10 @@ namespace detail {
 template <class F>
 class CancellationScope : private CancellationHandler {
 public:
-    explicit CancellationScope(F& function) : function_(function), task_(context().task) {
-        call = [](CancellationHandler& self) { static_cast<CancellationScope&>(self).function_(); };
+    explicit CancellationScope(F& function) noexcept : function_(function), task_(context().task) {
+        call = [](CancellationHandler& self) noexcept {
+            static_cast<CancellationScope&>(self).function_();
+        };
         if (task_ != nullptr && !task_->addHandler(*this)) {
             task_ = nullptr;
             function_();
@@ -346,7 +366,8 @@ private:
 
 /// Awaits `operation()`, and calls `onCancel()` when the current task is cancelled meanwhile: on
 /// the cancelling thread, once, or before the operation if the task is cancelled already. When this
-/// returns, `onCancel` does not run and never will; so it must not wait for the operation.
+/// returns, `onCancel` does not run and never will; so it must not wait for the operation. An
+/// exception that leaves `onCancel` ends the process.
 template <class Operation, class OnCancel>
     requires isAsync<std::invoke_result_t<Operation&>> && std::invocable<OnCancel&>
 std::invoke_result_t<Operation&> withTaskCancellationHandler(Operation operation,
@@ -361,24 +382,7 @@ std::invoke_result_t<Operation&> withTaskCancellationHandler(Operation operation
 /// functions and tests; code of a task awaits instead.
 template <class T>
 T syncWait(Async<T> async) {
-    class Waiting final : public detail::TaskOf<T> {
-    public:
-        explicit Waiting(Async<T>&& async)
-            : detail::TaskOf<T>(nullptr), async_(detail::coroutineOf(std::move(async))) {
-            this->adopt(*async_);
-        }
-
-    protected:
-        void collect() noexcept override {
-            this->collectFrom(*async_);
-            async_.reset();
-        }
-
-    private:
-        ~Waiting() override = default;
-        std::optional<Async<T>> async_;
-    };
-    const auto task = make<Waiting>(std::move(async));
+    const auto task = make<detail::TaskWithAsync<T>>(nullptr, std::move(async));
     task->runHere();
     task->wait();
     return task->outcome.take();
