@@ -2,12 +2,16 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
+#include <cstdint>
 #include <cstring>
+#include <exception>
+#include <fcntl.h>
 #include <filesystem>
-#include <memory>
-#include <optional>
+#include <iterator>
+#include <poll.h>
 #include <string>
+#include <sys/eventfd.h>
+#include <unistd.h>
 #include <utility>
 
 #include <VantorqFoundation/VantorqFoundation.h>
@@ -21,57 +25,66 @@ namespace {
 // A large installation has ten megabytes; more than this is some other file, or one without an end.
 constexpr std::size_t kMaximumSize = 64'000'000;
 
-struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-
-/// The file's bytes, up to the first that is too many; nothing, with `errno` set, when it cannot be
-/// read.
-std::optional<std::string> contents(const std::filesystem::path& path) {
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rbe"));
-    if (file == nullptr) {
-        return std::nullopt;
-    }
-    std::string text;
-    char block[64 * 1024];
-    while (text.size() <= kMaximumSize) {
-        const std::size_t count = std::fread(block, 1, sizeof block, file.get());
-        text.append(block, count);
-        if (count < sizeof block) {
-            break;
-        }
-    }
-    return std::ferror(file.get()) != 0 ? std::nullopt : std::optional(std::move(text));
-}
-
-/// Why text without a record is no database.
-std::string reason(const PackageDatabase& database) {
-    if (database.problems.empty()) {
-        return "nothing in it";
-    }
-    const PackageDatabase::Problem& first = database.problems.front();
-    return "line " + std::to_string(first.line) + ": " + first.text;
-}
-
 }  // namespace
 
-std::optional<PackageDatabase> readDatabase(const std::filesystem::path& path, NSErrorOut error) {
-    const auto text = contents(path);
-    if (!text) {
-        *error = vntq_errorUnspecified("%s: %s"_ns, path.native(), std::strerror(errno));
-        return std::nullopt;
+// A pipe is opened without waiting for its writer: waiting is what reads do, which can be
+// cancelled.
+DatabaseFile::DatabaseFile(std::filesystem::path path, std::size_t chunkSize)
+    : path_(std::move(path)),
+      chunkSize_(chunkSize),
+      cancellation_(::eventfd(0, EFD_CLOEXEC)),
+      file_(::open(path_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {
+    if (!cancellation_.isOpen() || !file_.isOpen()) {
+        throw error(std::strerror(errno));
     }
-    if (text->size() > kMaximumSize) {
-        *error = vntq_errorUnspecified("%s: no package database (too large)"_ns, path.native());
-        return std::nullopt;
+}
+
+Async<std::string> DatabaseFile::nextChunk() {
+    auto reading = withThrowingContinuation<std::string>(
+        [this](const Continuation<std::string, std::exception_ptr>& continuation) {
+            queue_->async([self = Ref(this), continuation] {
+                try {
+                    continuation.resume(self->read());
+                } catch (...) {
+                    continuation.resumeThrowing(std::current_exception());
+                }
+            });
+        });
+    std::string chunk = co_await reading;
+    co_return chunk;
+}
+
+void DatabaseFile::cancel() noexcept {
+    constexpr std::uint64_t kOnce = 1;
+    (void)!::write(cancellation_.number(), &kOnce, sizeof kOnce);  // cannot fail so early
+}
+
+NSErrorException DatabaseFile::error(const std::string& reason) const {
+    return NSErrorException(vntq_errorUnspecified("%s: %s"_ns, path_.native(), reason));
+}
+
+std::string DatabaseFile::read() {
+    std::string chunk(chunkSize_, '\0');
+    for (;;) {
+        pollfd inputs[] = {{cancellation_.number(), POLLIN, 0}, {file_.number(), POLLIN, 0}};
+        ::poll(inputs, std::size(inputs), -1);
+        if (inputs[0].revents != 0) {
+            throw CancellationError();
+        }
+        const ssize_t count = ::read(file_.number(), chunk.data(), chunk.size());
+        if (count >= 0) {
+            chunk.resize(static_cast<std::size_t>(count));
+            break;
+        }
+        if (errno != EAGAIN && errno != EINTR) {
+            throw error(std::strerror(errno));
+        }
     }
-    auto database = PackageDatabase::parse(*text);
-    if (database.recordCount == 0) {
-        *error = vntq_errorUnspecified("%s: no package database (%s)"_ns, path.native(),
-                                       reason(database));
-        return std::nullopt;
+    size_ += chunk.size();
+    if (size_ > kMaximumSize) {
+        throw error("no package database (too large)");
     }
-    return database;
+    return chunk;
 }
 
 }  // namespace package_browser

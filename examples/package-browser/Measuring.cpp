@@ -1,10 +1,9 @@
 #include "Measuring.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <string>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -12,7 +11,6 @@
 #include <VantorqFoundation/VantorqFoundation.h>
 
 #include "PackageSizeOperation.h"
-#include "SizeText.h"
 
 namespace package_browser {
 
@@ -22,7 +20,6 @@ namespace {
 
 using Outcome = MeasuredPackage::Outcome;
 
-constexpr double kSecondsBetweenProgress = 0.1;
 constexpr NSInteger kTimeoutErrorCode = 1;  // in the library's domain
 
 bool isTimeout(const NSObject& object) {
@@ -31,71 +28,72 @@ bool isTimeout(const NSObject& object) {
            error->domain()->isEqualToString(&VNTQFoundationErrorDomain);
 }
 
-/// The outcomes, as they come in. On the main thread only, where all callbacks run.
-class Measurement {
-public:
-    Measurement(const std::vector<Package>& packages, ProgressLine& progress)
-        : progress_(progress) {
-        for (const Package& package : packages) {
-            measured_.push_back({.package = package});
-        }
+/// What the result of a package's operation means.
+MeasuredPackage measured(const Package& package, const VNTQResult& result) {
+    if (result.type() == VNTQResultType::success) {
+        return {.package = package, .size = unbridge<std::uint64_t>(result.value().get()).value()};
     }
-
-    /// Starts an operation for each package.
-    void begin(const std::filesystem::path& databaseFolder, double timeout) {
-        // A package's time runs from the start of its operation: no more are started than can run.
-        queue_->setMaxConcurrentOperationCount(
-            static_cast<NSInteger>(std::max(2U, std::thread::hardware_concurrency())));
-        for (MeasuredPackage& one : measured_) {
-            const auto operation = make<PackageSizeOperation>(one.package, databaseFolder);
-            operation->setTimeoutInterval(timeout);
-            operation->setResultQueue(DispatchQueue::main());
-            operation
-                ->onValue([this, &one](NSObject* value) {
-                    one.size = unbridge<std::uint64_t>(value).value();
-                    totalSize_ += one.size;
-                })
-                ->onError([&one](NSObject* error) {
-                    one.outcome = isTimeout(*error) ? Outcome::timedOut : Outcome::withoutFileList;
-                })
-                ->onCompletion([this] { ++finishedCount_; });
-            queue_->addOperation(*operation);
-        }
-    }
-
-    /// Turns the run loop until all operations have ended.
-    std::vector<MeasuredPackage> wait() {
-        showProgress();
-        const auto timer = NSTimer::scheduledTimerWithTimeInterval(
-            kSecondsBetweenProgress, true, [this](NSTimer*) { showProgress(); });
-        while (finishedCount_ < measured_.size()) {
-            NSRunLoop::main()->runMode(NSDefaultRunLoopMode, *NSDate::distantFuture());
-        }
-        timer->invalidate();
-        return std::move(measured_);
-    }
-
-private:
-    void showProgress() {
-        progress_.show("Measured " + std::to_string(finishedCount_) + " of " +
-                       std::to_string(measured_.size()) + " packages, " + sizeText(totalSize_));
-    }
-
-    ProgressLine& progress_;
-    Ref<NSOperationQueue> queue_ = make<NSOperationQueue>();
-    std::vector<MeasuredPackage> measured_;
-    std::size_t finishedCount_ = 0;
-    std::uint64_t totalSize_ = 0;
-};
+    return {.package = package,
+            .outcome = isTimeout(*result.error()) ? Outcome::timedOut : Outcome::withoutFileList};
+}
 
 }  // namespace
 
-std::vector<MeasuredPackage> measure(const std::vector<Package>& packages,
-                                     const std::filesystem::path& databaseFolder, double timeout,
-                                     ProgressLine& progress) {
-    Measurement measurement(packages, progress);
-    measurement.begin(databaseFolder, timeout);
-    return measurement.wait();
+Measurer::Measurer(std::filesystem::path databaseFolder, double timeout, Ref<RunningWork> running)
+    : databaseFolder_(std::move(databaseFolder)), timeout_(timeout), running_(std::move(running)) {
+    // A package's time runs from the start of its operation: no more are started than can run.
+    queue_->setMaxConcurrentOperationCount(
+        static_cast<NSInteger>(std::max(2U, std::thread::hardware_concurrency())));
+}
+
+Async<std::vector<MeasuredPackage>> Measurer::measureAll(InstalledPackages packages) {
+    std::vector<Measurement> measurements;
+    for (;;) {
+        auto reading = packages.next();
+        const std::optional<Package> package = co_await std::move(reading);
+        if (!package) {
+            break;
+        }
+        measurements.push_back(begin(*package));
+    }
+
+    std::vector<MeasuredPackage> outcomes;
+    for (const Measurement& measurement : measurements) {
+        auto value = measurement.value();
+        std::optional<MeasuredPackage> outcome = co_await value;
+        if (!outcome) {
+            throw CancellationError();
+        }
+        outcomes.push_back(std::move(*outcome));
+    }
+    co_return outcomes;
+}
+
+Measurer::Measurement Measurer::begin(const Package& package) {
+    ++progress_.foundCount;
+    auto measurement =
+        Measurement::start([self = Ref(this), package] { return self->measure(package); });
+    running_->insert(measurement);
+    return measurement;
+}
+
+/// Nothing when the calling task is cancelled.
+Async<std::optional<MeasuredPackage>> Measurer::measure(Package package) {
+    const auto operation = make<PackageSizeOperation>(package, databaseFolder_);
+    operation->setTimeoutInterval(timeout_);
+    auto ending = withCancellableSuccessHandler<Ref<VNTQResult>>([&](auto finish) {
+        operation->onResult([finish](VNTQResult* result) { finish(Ref<VNTQResult>(result)); });
+        queue_->addOperation(*operation);
+        return [operation] { operation->cancel(); };
+    });
+    const std::optional<Ref<VNTQResult>> result = co_await std::move(ending);
+    if (!result || *result == nullptr) {
+        co_return std::nullopt;
+    }
+    MeasuredPackage outcome = measured(package, **result);
+    progress_.size += outcome.size;
+    ++progress_.measuredCount;
+    co_return outcome;
 }
 
 }  // namespace package_browser

@@ -128,7 +128,8 @@ have on disk, largest first.
   --timeout SECONDS  How long one package may take to measure, 10 by default.
   --help             Shows this text.
 
-Exits with 0, or with 2 when an argument is wrong or the database cannot be read.
+Exits with 0, with 2 when an argument is wrong or the database cannot be read,
+or with 130 when interrupted by Ctrl-C.
 )";
 }
 

@@ -39,14 +39,14 @@ void PackageSizeOperation::measure() {
 
     std::uint64_t total = 0;
     std::string path;
-    while (timeRemaining() > 0) {
+    while (!isCancelled() && timeRemaining() > 0) {
         if (!std::getline(list, path)) {
             completeWithSuccess(NSNumber::number(total));
             return;
         }
         total += fileSize(path);
     }
-    completeWithTimeout();
+    completeWithTimeout();  // ignored when cancelled
 }
 
 std::uint64_t PackageSizeOperation::fileSize(const std::string& path) const {

@@ -68,11 +68,22 @@ bool isSectionListedBefore(const Section& a, const Section& b) {
     return a.size != b.size ? a.size > b.size : a.name < b.name;
 }
 
+/// "all 243, amd64 612", the names in order.
+std::string architecturesText(const Statistics& statistics) {
+    std::string text;
+    for (const auto& [name, count] : statistics.architectures) {
+        text += (text.empty() ? "" : ", ") + (name.empty() ? "(none)" : name) + " " +
+                std::to_string(count);
+    }
+    return text;
+}
+
 /// Writes a listing, line by line.
 class ListingWriter {
 public:
-    ListingWriter(const std::vector<Section>& sections, const ListingStyle& style)
-        : sections_(sections), style_(style) {}
+    ListingWriter(const std::vector<Section>& sections, const Statistics& statistics,
+                  const ListingStyle& style)
+        : sections_(sections), statistics_(statistics), style_(style) {}
 
     std::string write() {
         measureNames();
@@ -81,6 +92,7 @@ public:
         }
         if (sections_.size() != 1) {
             writeTotals();
+            writeStatistics();
         }
         writeNote("Timed out", Outcome::timedOut);
         writeNote("No file list", Outcome::withoutFileList);
@@ -134,6 +146,15 @@ private:
         text_ += '\n';
     }
 
+    std::size_t count(Outcome outcome) const {
+        std::size_t count = 0;
+        for (const Section& section : sections_) {
+            count += static_cast<std::size_t>(
+                std::ranges::count(section.packages, outcome, &MeasuredPackage::outcome));
+        }
+        return count;
+    }
+
     void writeTotals() {
         std::size_t packages = 0;
         std::uint64_t size = 0;
@@ -144,17 +165,32 @@ private:
         writeLine(sizeText(size),
                   counted(packages, "package") + " in " + counted(sections_.size(), "section"),
                   kBold);
+        if (const std::size_t measured = count(Outcome::measured); measured > 0) {
+            writeLine(sizeText(size / measured), "a package on average", kPlain);
+        }
+    }
+
+    void writeStatistics() {
+        if (!statistics_.architectures.empty()) {
+            writeLine("", "Architectures: " + architecturesText(statistics_), kPlain);
+        }
+        if (const auto& package = statistics_.mostDependent) {
+            writeLine("",
+                      "Most dependencies: " + package->name->utf8() + ", " +
+                          std::to_string(package->dependencyCount),
+                      kPlain);
+        }
+        if (statistics_.notInstalledCount > 0) {
+            writeLine(
+                "", "Known but not installed: " + counted(statistics_.notInstalledCount, "package"),
+                kPlain);
+        }
     }
 
     /// Says how many packages the totals lack.
     void writeNote(std::string_view what, Outcome outcome) {
-        std::size_t count = 0;
-        for (const Section& section : sections_) {
-            count += static_cast<std::size_t>(
-                std::ranges::count(section.packages, outcome, &MeasuredPackage::outcome));
-        }
-        if (count > 0) {
-            writeLine("", std::string(what) + ": " + counted(count, "package") + ", as 0 B",
+        if (const std::size_t packages = count(outcome); packages > 0) {
+            writeLine("", std::string(what) + ": " + counted(packages, "package") + ", as 0 B",
                       kPlain);
         }
     }
@@ -184,6 +220,7 @@ private:
     }
 
     const std::vector<Section>& sections_;
+    const Statistics& statistics_;
     const ListingStyle& style_;
     std::map<std::string, std::size_t> nameCounts_;
     std::size_t nameWidth_ = 0;
@@ -192,27 +229,27 @@ private:
 
 }  // namespace
 
-std::vector<Section> groupedBySection(std::vector<MeasuredPackage> packages) {
-    std::map<std::string, Section> byName;
-    for (MeasuredPackage& one : packages) {
-        const std::string name = one.package.section->utf8();
-        Section& section = byName[name];
+std::vector<Section> sections(const SectionIndex& index,
+                              const std::vector<MeasuredPackage>& packages) {
+    std::vector<Section> sorted;
+    for (const auto& [name, places] : index) {
+        Section section;
         section.name = name;
-        section.size += one.size;
-        section.packages.push_back(std::move(one));
-    }
-
-    std::vector<Section> sections;
-    for (auto& [name, section] : byName) {
+        for (const std::size_t place : places) {
+            const MeasuredPackage& package = packages.at(place);
+            section.size += package.size;
+            section.packages.push_back(package);
+        }
         std::ranges::sort(section.packages, isListedBefore);
-        sections.push_back(std::move(section));
+        sorted.push_back(std::move(section));
     }
-    std::ranges::sort(sections, isSectionListedBefore);
-    return sections;
+    std::ranges::sort(sorted, isSectionListedBefore);
+    return sorted;
 }
 
-std::string listing(const std::vector<Section>& sections, const ListingStyle& style) {
-    return ListingWriter(sections, style).write();
+std::string listing(const std::vector<Section>& sections, const Statistics& statistics,
+                    const ListingStyle& style) {
+    return ListingWriter(sections, statistics, style).write();
 }
 
 }  // namespace package_browser

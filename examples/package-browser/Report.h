@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "Package.h"
+#include "SectionIndex.h"
+#include "Statistics.h"
 
 namespace package_browser {
 
@@ -17,8 +19,10 @@ struct Section {
     std::uint64_t size = 0;                 ///< bytes
 };
 
-/// The packages by section, largest section first, then by name.
-[[nodiscard]] std::vector<Section> groupedBySection(std::vector<MeasuredPackage> packages);
+/// The sections of the index, largest first, then by name. The places in the index are those in
+/// `packages`.
+[[nodiscard]] std::vector<Section> sections(const SectionIndex& index,
+                                            const std::vector<MeasuredPackage>& packages);
 
 /// How a listing looks.
 struct ListingStyle {
@@ -29,7 +33,9 @@ struct ListingStyle {
     std::optional<std::size_t> top = std::nullopt;
 };
 
-/// The sections with their packages, and the totals.
-[[nodiscard]] std::string listing(const std::vector<Section>& sections, const ListingStyle& style);
+/// The sections with their packages and, unless there is just one, the totals and what the
+/// statistics have to add.
+[[nodiscard]] std::string listing(const std::vector<Section>& sections,
+                                  const Statistics& statistics, const ListingStyle& style);
 
 }  // namespace package_browser

@@ -11,16 +11,15 @@
 #include <string>
 #include <string_view>
 #include <unistd.h>
-#include <utility>
-#include <vector>
 
 #include <VantorqFoundation/VantorqFoundation.h>
 
 #include "DatabaseFile.h"
-#include "Measuring.h"
+#include "Interrupts.h"
 #include "Options.h"
 #include "ProgressLine.h"
 #include "Report.h"
+#include "Survey.h"
 #include "Terminal.h"
 
 using namespace package_browser;
@@ -30,6 +29,7 @@ namespace {
 
 constexpr int kSuccess = 0;
 constexpr int kFailure = 2;
+constexpr int kInterrupted = 130;  // as shells have it for a program that SIGINT has ended
 
 void complain(const std::string& line) {
     std::fprintf(stderr, "package-browser: %s\n", line.c_str());
@@ -63,45 +63,46 @@ std::filesystem::path databasePath(const Options& options) {
     return PACKAGE_BROWSER_SAMPLE;
 }
 
-/// Leaves only the packages of one section. Fails when there are none.
-bool selectSection(const std::string& name, std::vector<Package>& packages, NSErrorOut error) {
-    std::erase_if(packages, [section = NSString::string(name)](const Package& package) {
-        return !package.section->isEqualToString(section.get());
-    });
-    if (packages.empty()) {
-        *error = vntq_errorUnspecified("no installed package is in a section '%s'"_ns, name);
-    }
-    return !packages.empty();
-}
-
 /// Shows progress only where it does not get between the lines of the listing: on the terminal that
 /// the listing goes to.
 std::optional<std::size_t> progressColumns() {
     return terminalColumns(STDOUT_FILENO) ? terminalColumns(STDERR_FILENO) : std::nullopt;
 }
 
-int browse(const Options& options) {
-    const std::filesystem::path path = databasePath(options);
-    Ref<NSError> error;
-    auto database = readDatabase(path, &error);
-    if (!database) {
-        return fail(*error);
-    }
-    for (const auto& [line, text] : database->problems) {
-        complain(path.native() + ":" + std::to_string(line) + ": " + text +
+/// Finds out what there is, and stops when the user presses Ctrl-C.
+Survey::Findings findings(Survey& survey) {
+    const Interrupts interrupts([&survey] { survey.cancel(); });
+    ProgressLine line(progressColumns());
+    return survey.run(line);
+}
+
+int report(const Survey::Findings& found, const std::filesystem::path& database,
+           const Options& options) {
+    for (const auto& [line, reason] : found.statistics.rejected) {
+        complain(database.native() + ":" + std::to_string(line) + ": " + reason +
                  "; the record is left out");
     }
-    if (options.section && !selectSection(*options.section, database->packages, &error)) {
-        return fail(*error);
+    if (options.section && found.packages.empty()) {
+        complain("no installed package is in a section '" + *options.section + "'");
+        return kFailure;
     }
-
-    std::vector<MeasuredPackage> packages;
-    {
-        ProgressLine progress(progressColumns());
-        packages = measure(database->packages, path.parent_path(), options.timeout, progress);
-    }
-    return print(listing(groupedBySection(std::move(packages)),
+    return print(listing(sections(found.sections, found.packages), found.statistics,
                          {.columns = terminalColumns(STDOUT_FILENO), .top = options.top}));
+}
+
+int browse(const Options& options) {
+    const std::filesystem::path path = databasePath(options);
+    Survey survey(path, options.section, options.timeout);
+    try {
+        return report(findings(survey), path, options);
+    } catch (const NSErrorException& exception) {
+        return fail(*exception.error());
+    } catch (const CancellationError&) {
+        const Progress& progress = survey.progress();
+        std::fprintf(stderr, "Interrupted: measured %zu of %zu packages.\n",
+                     progress.measuredCount.load(), progress.foundCount.load());
+        return kInterrupted;
+    }
 }
 
 }  // namespace

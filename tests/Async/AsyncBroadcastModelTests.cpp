@@ -137,7 +137,7 @@ private:
 
     /// Reads until the end, or the error for the third time, and pauses after each element.
     Async<> consume(int pause) {
-        const test::Counted alive(census_.consumers);
+        const test::CensusMember alive(census_.consumers);
         auto iterator = shared_->makeAsyncIterator();
         std::optional<std::int64_t> current;
         for (int errors = 0; errors < 3;) {

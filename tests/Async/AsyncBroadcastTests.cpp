@@ -106,7 +106,7 @@ protected:
 
 private:
     Async<std::string> wordFrom(Iterator& iterator) {
-        const test::Counted alive(census_.consumers);
+        const test::CensusMember alive(census_.consumers);
         try {
             auto pending = iterator.next();
             const auto item = co_await std::move(pending);
@@ -303,21 +303,25 @@ TEST_F(AsyncBroadcastTest, AConsumerThatComesWhileTheSourceIsReadInPlaceReceives
 }
 
 TEST_F(AsyncBroadcastTest, AConsumerCancelledWhileItReadsTheSourceInPlaceEndsForItselfOnly) {
-    const auto shared = share({.count = 1}, kUnbounded);
-    auto a = shared->makeAsyncIterator();
-    auto b = shared->makeAsyncIterator();
-    const Call callA = call(a);
-    std::optional<Call> callB;
-    source_->onReadingAtOnce = [&] {
-        callB = callAndRun(b);
-        callA.task.cancel();
-        EXPECT_FALSE(thisTask::isCancelled()) << "the reading is not part of the task";
-    };
-    executor_->runAll();
-    EXPECT_EQ(callA.text(), "end");
-    EXPECT_EQ(callB->text(), "0");
-    EXPECT_EQ(readings(), 1);
-    source_->onReadingAtOnce = nullptr;
+    for (const std::string expected : {"0", "end", "error"}) {
+        const auto shared =
+            share({.count = expected == "0" ? 1 : 0, .fails = expected == "error"}, kUnbounded);
+        auto a = shared->makeAsyncIterator();
+        auto b = shared->makeAsyncIterator();
+        const Call callA = call(a);
+        std::optional<Call> callB;
+        source_->onReadingAtOnce = [&] {
+            callB = callAndRun(b);
+            callA.task.cancel();
+            EXPECT_FALSE(thisTask::isCancelled()) << "the reading is not part of the task";
+        };
+        executor_->runAll();
+        EXPECT_EQ(callA.text(), "end");
+        EXPECT_EQ(next(a), "end");
+        EXPECT_EQ(callB->text(), expected);
+        EXPECT_EQ(readings(), 1);
+        source_->onReadingAtOnce = nullptr;
+    }
 }
 
 TEST_F(AsyncBroadcastTest, AConsumerThatComesDuringAReadingJoinsIt) {

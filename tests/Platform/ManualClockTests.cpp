@@ -178,7 +178,9 @@ RC_GTEST_FIXTURE_PROP(ManualClockTest, AgreesWithAListOfDeadlines, ()) {
         for (const Sleeper& sleeper : sleepers) {
             const bool isOver = sleeper.isCancelled || sleeper.deadline <= clock->now();
             RC_ASSERT(sleeper.task.isDone() == isOver);
-            RC_ASSERT(!isOver || sleeper.task.outcome().has_value() == !sleeper.isCancelled);
+            if (isOver) {
+                RC_ASSERT(sleeper.task.outcome().has_value() == !sleeper.isCancelled);
+            }
             sleeping += isOver ? 0 : 1;
         }
         RC_ASSERT(clock->sleeperCount() == sleeping);

@@ -21,16 +21,16 @@
 namespace vantorq::test {
 
 /// One of the living in `count`, and so is each copy.
-class Counted {
+class CensusMember {
 public:
-    explicit Counted(std::atomic<int>& count) noexcept : count_(&count) { ++*count_; }
-    Counted(const Counted& other) noexcept : Counted(*other.count_) {}
-    Counted& operator=(const Counted& other) noexcept {
-        Counted copy(other);
+    explicit CensusMember(std::atomic<int>& count) noexcept : count_(&count) { ++*count_; }
+    CensusMember(const CensusMember& other) noexcept : CensusMember(*other.count_) {}
+    CensusMember& operator=(const CensusMember& other) noexcept {
+        CensusMember copy(other);
         std::swap(count_, copy.count_);
         return *this;
     }
-    ~Counted() { --*count_; }
+    ~CensusMember() { --*count_; }
 
 private:
     std::atomic<int>* count_;
@@ -55,11 +55,11 @@ public:
     int value;
 
 private:
-    Counted counted_;
+    CensusMember counted_;
 };
 
 /// Where a reading waits until the test lets it go on. For one thread, and one reading.
-class Gate {
+class ReadingGate {
 public:
     Async<> pass() {
         EXPECT_FALSE(isWaitedAt()) << "two readings at a time";
@@ -100,7 +100,7 @@ public:
 
         Plan plan;
         Census& census;
-        Gate gate;
+        ReadingGate gate;
         /// A yielding reading of a place that is not below this one waits.
         std::atomic<int> allowed{std::numeric_limits<int>::max()};
         std::function<void()> onReadingAtOnce;  ///< called during each, when set
@@ -133,7 +133,7 @@ public:
             }
 
         private:
-            Counted counted_;
+            CensusMember counted_;
         };
 
         ~Account() override = default;
@@ -179,7 +179,7 @@ public:
 
     private:
         Ref<Account> account_;
-        Counted counted_;
+        CensusMember counted_;
         int place_ = 0;
     };
     [[nodiscard]] AsyncIterator makeAsyncIterator() const { return AsyncIterator(account_); }

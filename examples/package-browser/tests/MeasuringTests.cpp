@@ -6,44 +6,52 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include "TemporaryFolder.h"
+#include "TemporaryDatabase.h"
 
 namespace package_browser {
 namespace {
 
-using vantorq::NSString;
+using vantorq::Async;
+using vantorq::CancellationError;
+using vantorq::make;
+using vantorq::Ref;
+using vantorq::syncWait;
+using vantorq::Task;
 using Outcome = MeasuredPackage::Outcome;
 namespace fs = std::filesystem;
 
 /// Measures the packages of a database's folder of its own.
 class Measuring : public testing::Test {
 protected:
-    Measuring() { fs::create_directory(path() / "info"); }
-
-    const fs::path& path() const { return folder_.path(); }
-    void write(const std::string& name, std::string_view text) {
-        std::ofstream(path() / name) << text;
+    const fs::path& path() const { return database_.folder(); }
+    void write(const std::string& name, std::string_view text) const {
+        database_.write(name, text);
     }
 
-    static Package package(std::string_view name) {
-        return {.name = NSString::string(name),
-                .architecture = NSString::string("amd64"),
-                .section = NSString::string("x"),
-                .summary = NSString::string("")};
+    Async<std::vector<MeasuredPackage>> measuring(const std::vector<std::string>& names,
+                                                  double timeout) {
+        std::string text;
+        for (const std::string& name : names) {
+            text += TemporaryDatabase::record(name);
+        }
+        measurer_ = make<Measurer>(path(), timeout, running_);
+        return measurer_->measureAll(InstalledPackages(*database_.records(text), std::nullopt));
+    }
+    std::vector<MeasuredPackage> measured(const std::vector<std::string>& names,
+                                          double timeout = kTimeout) {
+        return syncWait(measuring(names, timeout));
     }
 
-    std::vector<MeasuredPackage> measured(const std::vector<Package>& packages,
-                                          double timeout = 60) {
-        ProgressLine noProgress(std::nullopt);
-        return measure(packages, path(), timeout, noProgress);
-    }
+    static constexpr double kTimeout = 60;
 
-private:
-    const TemporaryFolder folder_;
+    const TemporaryDatabase database_;
+    const Ref<RunningWork> running_ = make<RunningWork>();
+    Ref<Measurer> measurer_;
 };
 
 TEST_F(Measuring, AddsUpTheRegularFilesOfTheList) {
@@ -54,7 +62,7 @@ TEST_F(Measuring, AddsUpTheRegularFilesOfTheList) {
     write("info/p.list", "/.\n" + (path() / "a").native() + "\n" + (path() / "b").native() + "\n" +
                              (path() / "folder").native() + "\n" + (path() / "link").native() +
                              "\n/no/such/file\n");
-    const auto result = measured({package("p")});
+    const auto result = measured({"p"});
     ASSERT_EQ(result.size(), 1U);
     EXPECT_EQ(result[0].outcome, Outcome::measured);
     EXPECT_EQ(result[0].size, 8U);
@@ -63,7 +71,7 @@ TEST_F(Measuring, AddsUpTheRegularFilesOfTheList) {
 TEST_F(Measuring, RelativePathsCountFromTheDatabasesFolder) {
     write("a", "12345");
     write("info/p.list", "a\n");
-    EXPECT_EQ(measured({package("p")})[0].size, 5U);
+    EXPECT_EQ(measured({"p"})[0].size, 5U);
 }
 
 TEST_F(Measuring, ListOfTheArchitectureGoesFirst) {
@@ -71,25 +79,25 @@ TEST_F(Measuring, ListOfTheArchitectureGoesFirst) {
     write("b", "22");
     write("info/p.list", "a\n");
     write("info/p:amd64.list", "b\n");
-    EXPECT_EQ(measured({package("p")})[0].size, 2U);
+    EXPECT_EQ(measured({"p"})[0].size, 2U);
 }
 
 TEST_F(Measuring, EmptyListIsAMeasuredNothing) {
     write("info/p.list", "");
-    const auto result = measured({package("p")});
+    const auto result = measured({"p"});
     EXPECT_EQ(result[0].outcome, Outcome::measured);
     EXPECT_EQ(result[0].size, 0U);
 }
 
 TEST_F(Measuring, PackageWithoutAListIsKept) {
-    const auto result = measured({package("p")});
+    const auto result = measured({"p"});
     ASSERT_EQ(result.size(), 1U);
     EXPECT_EQ(result[0].outcome, Outcome::withoutFileList);
 }
 
 TEST_F(Measuring, PackageThatTakesTooLongIsKept) {
     write("info/p.list", "/.\n");
-    const auto result = measured({package("p"), package("q")}, 1e-6);
+    const auto result = measured({"p", "q"}, 1e-6);
     ASSERT_EQ(result.size(), 2U);
     EXPECT_EQ(result[0].outcome, Outcome::timedOut);
     EXPECT_EQ(result[0].size, 0U);
@@ -97,14 +105,14 @@ TEST_F(Measuring, PackageThatTakesTooLongIsKept) {
 
 TEST_F(Measuring, OutcomesAreInTheOrderOfThePackages) {
     constexpr std::size_t kCount = 500;
-    std::vector<Package> packages;
+    std::vector<std::string> names;
     for (std::size_t index = 0; index < kCount; ++index) {
         const std::string name = "p" + std::to_string(index);
         write(name, std::string(index, 'x'));
         write("info/" + name + ".list", name + "\n");
-        packages.push_back(package(name));
+        names.push_back(name);
     }
-    const auto result = measured(packages);
+    const auto result = measured(names);
     ASSERT_EQ(result.size(), kCount);
     for (std::size_t index = 0; index < kCount; ++index) {
         EXPECT_EQ(result[index].package.name->utf8(), "p" + std::to_string(index));
@@ -112,8 +120,25 @@ TEST_F(Measuring, OutcomesAreInTheOrderOfThePackages) {
     }
 }
 
-TEST_F(Measuring, NoPackagesTakeNoTime) {
-    EXPECT_TRUE(measured({}).empty());
+TEST_F(Measuring, ProgressCountsWhateverCameOfIt) {
+    write("a", "12345");
+    write("info/p.list", "a\n");
+    write("info/q.list", "a\n");
+    (void)measured({"p", "q", "r"});
+    const Progress& progress = measurer_->progress();
+    EXPECT_EQ(progress.foundCount, 3U);
+    EXPECT_EQ(progress.measuredCount, 3U);
+    EXPECT_EQ(progress.size, 10U);
+}
+
+TEST_F(Measuring, CancellingTheRunningWorkEndsIt) {
+    const fs::path list = path() / "info" / "p.list";
+    ASSERT_EQ(::mkfifo(list.c_str(), 0600), 0);
+    const auto task = Task<std::vector<MeasuredPackage>>::start(
+        [this] { return measuring({"p", "q", "r"}, kTimeout); });
+    const std::ofstream pipe(list);  // waits until the list is read
+    running_->cancel();
+    EXPECT_THROW(syncWait(task), CancellationError);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include "Report.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -19,7 +20,9 @@ MeasuredPackage measured(std::string_view section, std::string_view name, std::u
         .package = {.name = NSString::string(name),
                     .architecture = NSString::string(architecture),
                     .section = NSString::string(section),
-                    .summary = NSString::string(summary)},
+                    .summary = NSString::string(summary),
+                    .dependencyCount = 0,
+                    .isInstalled = true},
         .size = size,
     };
 }
@@ -42,29 +45,38 @@ std::string names(const std::vector<Section>& sections) {
     return names;
 }
 
-std::string plainListing(std::vector<MeasuredPackage> packages, ListingStyle style = {}) {
-    return listing(groupedBySection(std::move(packages)), style);
+/// The sections of packages that an index lists in the order in which they are given.
+std::vector<Section> grouped(const std::vector<MeasuredPackage>& packages) {
+    SectionIndex index;
+    for (std::size_t place = 0; place < packages.size(); ++place) {
+        index[packages[place].package.section->utf8()].push_back(place);
+    }
+    return sections(index, packages);
+}
+
+std::string plainListing(const std::vector<MeasuredPackage>& packages, ListingStyle style = {},
+                         const Statistics& statistics = {}) {
+    return listing(grouped(packages), statistics, style);
 }
 
 TEST(Grouping, LargestComeFirst) {
-    const auto sections = groupedBySection(
-        {measured("small", "a", 1), measured("large", "b", 2), measured("large", "c", 3)});
-    EXPECT_EQ(names(sections), "large( c b ) small( a ) ");
-    EXPECT_EQ(sections[0].size, 5U);
-    EXPECT_EQ(sections[1].size, 1U);
+    const auto found =
+        grouped({measured("small", "a", 1), measured("large", "b", 2), measured("large", "c", 3)});
+    EXPECT_EQ(names(found), "large( c b ) small( a ) ");
+    EXPECT_EQ(found[0].size, 5U);
+    EXPECT_EQ(found[1].size, 1U);
 }
 
 TEST(Grouping, NamesDecideBetweenEqualSizes) {
-    const auto sections = groupedBySection({measured("y", "b", 1), measured("y", "a", 1),
-                                            measured("x", "d", 1), measured("x", "c", 1)});
-    EXPECT_EQ(names(sections), "x( c d ) y( a b ) ");
+    const auto found = grouped({measured("y", "b", 1), measured("y", "a", 1), measured("x", "d", 1),
+                                measured("x", "c", 1)});
+    EXPECT_EQ(names(found), "x( c d ) y( a b ) ");
 }
 
 TEST(Grouping, WhatWasNotMeasuredComesLast) {
-    const auto sections =
-        groupedBySection({unmeasured("x", "a", Outcome::withoutFileList),
-                          unmeasured("x", "b", Outcome::timedOut), measured("x", "c", 0)});
-    EXPECT_EQ(names(sections), "x( c b a ) ");
+    const auto found = grouped({unmeasured("x", "a", Outcome::withoutFileList),
+                                unmeasured("x", "b", Outcome::timedOut), measured("x", "c", 0)});
+    EXPECT_EQ(names(found), "x( c b a ) ");
 }
 
 TEST(Listing, IsAlignedAndTotalled) {
@@ -78,7 +90,8 @@ TEST(Listing, IsAlignedAndTotalled) {
               "    512 B  utils, 1 package\n"
               "    512 B    harbour-clock  tells the time\n"
               "\n"
-              "  3.5 KiB  3 packages in 2 sections\n");
+              "  3.5 KiB  3 packages in 2 sections\n"
+              "  1.2 KiB  a package on average\n");
 }
 
 TEST(Listing, OneSectionNeedsNoTotals) {
@@ -120,7 +133,48 @@ TEST(Listing, TopOfNothingShowsTheSectionsAlone) {
     EXPECT_EQ(plainListing({measured("x", "a", 3), measured("y", "b", 2)}, {.top = 0}),
               "      3 B  x, 1 package\n"
               "      2 B  y, 1 package\n"
-              "      5 B  2 packages in 2 sections\n");
+              "      5 B  2 packages in 2 sections\n"
+              "      2 B  a package on average\n");
+}
+
+TEST(Listing, AverageIsOfThePackagesThatWereMeasured) {
+    EXPECT_EQ(plainListing({measured("x", "a", 2), measured("y", "b", 4),
+                            unmeasured("z", "c", Outcome::timedOut)},
+                           {.top = 0}),
+              "      4 B  y, 1 package\n"
+              "      2 B  x, 1 package\n"
+              "      0 B  z, 1 package\n"
+              "      6 B  3 packages in 3 sections\n"
+              "      3 B  a package on average\n"
+              "           Timed out: 1 package, as 0 B\n");
+}
+
+TEST(Listing, StatisticsFollowTheTotals) {
+    const Statistics statistics{
+        .architectures = {{"all", 1}, {"amd64", 2}, {"", 1}},
+        .mostDependent = Package{.name = NSString::string("b"),
+                                 .architecture = NSString::string("all"),
+                                 .section = NSString::string("x"),
+                                 .summary = NSString::string(""),
+                                 .dependencyCount = 7,
+                                 .isInstalled = true},
+        .notInstalledCount = 2,
+        .rejected = {},
+    };
+    EXPECT_EQ(plainListing({}, {}, statistics),
+              "      0 B  0 packages in 0 sections\n"
+              "           Architectures: (none) 1, all 1, amd64 2\n"
+              "           Most dependencies: b, 7\n"
+              "           Known but not installed: 2 packages\n");
+}
+
+TEST(Listing, OneSectionNeedsNoStatistics) {
+    EXPECT_EQ(plainListing({measured("x", "a", 1)}, {.top = 0},
+                           {.architectures = {{"all", 9}},
+                            .mostDependent = {},
+                            .notInstalledCount = 3,
+                            .rejected = {}}),
+              "      1 B  x, 1 package\n");
 }
 
 TEST(Listing, ArchitectureTellsPackagesOfOneNameApart) {

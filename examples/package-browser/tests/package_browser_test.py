@@ -6,6 +6,8 @@
 import fcntl
 import os
 import pty
+import re
+import signal
 import struct
 import subprocess
 import sys
@@ -30,6 +32,10 @@ SAMPLE_LISTING = """\
      95 B    libtide1       harmonic constants for tide predictions
 
   4.7 KiB  5 packages in 3 sections
+    968 B  a package on average
+           Architectures: all 4, amd64 1
+           Most dependencies: tide-tables, 1
+           Known but not installed: 1 package
 """
 
 
@@ -53,6 +59,18 @@ def run_on_terminal(*arguments, columns=80, term="xterm"):
             pass
         os.close(master)
     return output.decode().replace("\r\n", "\n"), process.returncode
+
+
+def take_interrupts():
+    """For a child: SIGINT as a shell hands it to the program in the foreground."""
+    signal.signal(signal.SIGINT, signal.SIG_DFL)
+    signal.pthread_sigmask(signal.SIG_UNBLOCK, [signal.SIGINT])
+
+
+def make_terminal_own():
+    """For a child: standard input is its controlling terminal, whose Ctrl-C it gets."""
+    take_interrupts()
+    fcntl.ioctl(0, termios.TIOCSCTTY, 0)
 
 
 class PackageBrowser(unittest.TestCase):
@@ -123,7 +141,8 @@ class PackageBrowser(unittest.TestCase):
 
     def test_database_without_installed_packages(self):
         result = run(self.database(b"Package: a\nStatus: deinstall ok config-files\n"))
-        self.assertEqual(result.stdout, "      0 B  0 packages in 0 sections\n")
+        self.assertEqual(result.stdout, "      0 B  0 packages in 0 sections\n"
+                                        "           Known but not installed: 1 package\n")
         self.assertEqual(result.returncode, 0)
 
     def test_help(self):
@@ -165,10 +184,11 @@ class PackageBrowser(unittest.TestCase):
         result = run(SAMPLE, env={**os.environ, "TERM": "xterm"})
         self.assertNotIn("\x1b", result.stdout + result.stderr)
         self.assertNotIn("Measured", result.stdout + result.stderr)
+        self.assertNotIn("Reading", result.stdout + result.stderr)
 
     def test_terminal_shows_progress_and_leaves_the_listing(self):
-        output, code = run_on_terminal(SAMPLE)
-        self.assertIn("\r\x1b[KMeasured 0 of 5 packages, 0 B", output)
+        output, code = run_on_terminal(SAMPLE, columns=400)
+        self.assertIn(f"\r\x1b[KReading {SAMPLE}", output)
         listing = output[output.rindex("\r\x1b[K") + len("\r\x1b[K"):]
         plain = listing.replace("\x1b[1m", "").replace("\x1b[2m", "").replace("\x1b[m", "")
         self.assertEqual(plain, SAMPLE_LISTING)
@@ -184,6 +204,78 @@ class PackageBrowser(unittest.TestCase):
                 for sequence in "\x1b[K", "\x1b[1m", "\x1b[2m", "\x1b[m":
                     line = line.replace(sequence, "")
                 self.assertLessEqual(len(line), columns, line)
+
+    def start(self, *arguments):
+        process = subprocess.Popen([PROGRAM, *map(str, arguments)], stdout=subprocess.PIPE,
+                                   stderr=subprocess.PIPE, text=True, preexec_fn=take_interrupts)
+        self.addCleanup(process.kill)
+        return process
+
+    def assertInterrupted(self, process, line):
+        process.send_signal(signal.SIGINT)
+        stdout, stderr = process.communicate(timeout=60)
+        self.assertRegex(stderr, rf"\A{line}\n\Z")
+        self.assertEqual(stdout, "")
+        self.assertEqual(process.returncode, 130)
+
+    def test_interrupt_while_the_database_is_read(self):
+        path = self.database(b"")
+        path.unlink()
+        os.mkfifo(path)
+        process = self.start(path)
+        with open(path, "wb", buffering=0) as pipe:  # when it is open, the program reads
+            pipe.write(SAMPLE.read_bytes())
+            self.assertInterrupted(process, r"Interrupted: measured \d+ of \d+ packages\.")
+
+    def test_interrupt_while_a_package_is_measured(self):
+        path = self.database(b"Package: a\nStatus: install ok installed\n")
+        (path.parent / "info").mkdir()
+        file_list = path.parent / "info" / "a.list"
+        os.mkfifo(file_list)
+        process = self.start(path)
+        with open(file_list, "wb"):  # when it is open, the program measures
+            self.assertInterrupted(process, r"Interrupted: measured 0 of 1 packages\.")
+
+    def test_interrupt_among_many_packages(self):
+        count = 3000
+        path = self.database(b"\n".join(
+            b"Package: p%d\nStatus: install ok installed\n" % number for number in range(count)))
+        (path.parent / "info").mkdir()
+        file_list = path.parent / "info" / "p1500.list"
+        os.mkfifo(file_list)
+        process = self.start(path, "--timeout", "600")
+        with open(file_list, "wb"):
+            self.assertInterrupted(process, r"Interrupted: measured \d+ of \d+ packages\.")
+
+    def test_ctrl_c_on_a_terminal_leaves_one_line(self):
+        path = self.database(b"")
+        path.unlink()
+        os.mkfifo(path)
+        for folder in "info", "files":
+            (path.parent / folder).symlink_to(SAMPLE.parent / folder)
+        master, slave = pty.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("4H", 24, 80, 0, 0))
+        process = subprocess.Popen([PROGRAM, path], stdin=slave, stdout=slave, stderr=slave,
+                                   env={**os.environ, "TERM": "xterm"}, start_new_session=True,
+                                   preexec_fn=make_terminal_own)
+        self.addCleanup(process.kill)
+        os.close(slave)
+        output = b""
+        with open(path, "wb", buffering=0) as pipe:
+            pipe.write(SAMPLE.read_bytes() + b"\n")
+            while b"Measured 5 of 5 packages, 4.7 KiB" not in output:
+                output += os.read(master, 4096)
+            os.write(master, b"\x03")
+            self.assertEqual(process.wait(timeout=60), 130)
+        output = b""
+        try:
+            while block := os.read(master, 4096):
+                output += block
+        except OSError:
+            pass
+        os.close(master)
+        last = output.decode().replace("\r\n", "\n").split("\r\x1b[K")[-1]
+        self.assertEqual(last, "Interrupted: measured 5 of 5 packages.\n")
 
     def test_reader_that_has_seen_enough_is_no_failure(self):
         reading, writing = os.pipe()
