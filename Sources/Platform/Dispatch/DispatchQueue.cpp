@@ -140,7 +140,7 @@ void DispatchQueue::enqueueAfter(double seconds, Work& work) {
     }
     const std::int64_t due = instantAfter(monotonicNow(), delay);
     TimerStore::monotonic().arm(*new DelayedWork(*this, work), due,
-                             instantAfter(due, std::min(delay / 100, kMostLeeway)));
+                                instantAfter(due, std::min(delay / 100, kMostLeeway)));
 }
 
 Ref<NSString> DispatchQueue::description() const {
