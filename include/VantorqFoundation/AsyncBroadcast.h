@@ -45,8 +45,12 @@ namespace vantorq {
 /// for the others. At most one reading is under way at a time. It is a task of its own, which
 /// nobody cancels, and it outlives the broadcast.
 ///
-/// A broadcast lives as long as somebody holds it or one of its iterators. Elements are copied to
-/// each consumer. Reading an element that is kept neither suspends nor allocates.
+/// A broadcast lives as long as somebody holds it or one of its iterators. Of the source it keeps
+/// the iterator alone, which must not refer to the sequence itself. Elements are copied to each
+/// consumer. Reading an element that is kept neither suspends nor allocates. A `bufferingNewest`
+/// buffer copies its elements, and every buffer stores and drops them, while it is locked: what the
+/// elements do then must not lead back to the broadcast. An element whose copy throws fails the
+/// source with that error.
 ///
 /// Threads: any. An iterator belongs to one consumer. The source is read by one thread at a time.
 template <AsyncSequence Base>
@@ -116,7 +120,7 @@ private:
         }
         return queryIteratorTask_;
     }
-    void receive(const Answer& answer);
+    void receive(Answer& answer) noexcept;
 
     UnfairLock lock_;
     // Guarded by the lock, which nobody holds while waiting, and which no code of the source runs
@@ -211,7 +215,7 @@ public:
         : source_(source), kept_(source.buffer_.appendOnly()) {}
 
     /// The next element; nothing at the end, and once the calling task is cancelled. Throws the
-    /// source's error.
+    /// source's error. To be awaited at once: an element that is there is taken by the call.
     [[nodiscard]] Async<std::optional<Element>> next() {
         if (isOver()) {
             return Async<MaybeElement>::ready(std::nullopt);
@@ -311,7 +315,8 @@ private:
     }
 
     Async<MaybeElement> wait(Index index, Ref<Pull> pull) {
-        co_await typename Pull::End{*pull, {}};
+        typename Pull::End end{*pull, {}};
+        co_await end;
         currentIndex_ = index;
         if (isOver()) {
             co_return std::nullopt;
@@ -347,13 +352,18 @@ private:
 
 /// Takes in what the source has given. With the lock.
 template <AsyncSequence Base>
-void AsyncBroadcast<Base>::receive(const Answer& answer) {
+void AsyncBroadcast<Base>::receive(Answer& answer) noexcept {
+    if (answer.element.has_value()) {
+        try {
+            buffer_.append(*answer.element);
+        } catch (...) {
+            answer = Answer{std::nullopt, std::current_exception()};
+        }
+    }
     if (answer.error != nullptr) {
         iterator_.template emplace<Threw>(Threw{answer.error});
     } else if (!answer.element.has_value()) {
         iterator_.template emplace<Exhausted>();
-    } else {
-        buffer_.append(*answer.element);
     }
     isPulling_ = false;
     queryIteratorTask_ = nullptr;

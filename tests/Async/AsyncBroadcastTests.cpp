@@ -894,5 +894,45 @@ TEST(AsyncBroadcastElements, MayBeEmptyOptionalsWhichAreNotTheEnd) {
               (std::vector<Maybe>{1, std::nullopt, 2, 1, std::nullopt, 2}));
 }
 
+/// Throws when it is copied, once it is told to.
+struct Fragile {
+    Fragile() = default;
+    Fragile(const Fragile& other) : breaks(other.breaks) {
+        if (breaks) {
+            throw test::SourceError();
+        }
+    }
+    Fragile& operator=(const Fragile& other) {
+        Fragile copy(other);
+        breaks = copy.breaks;
+        return *this;
+    }
+    Fragile(Fragile&&) noexcept = default;
+    Fragile& operator=(Fragile&&) noexcept = default;
+    ~Fragile() = default;
+
+    bool breaks = false;
+};
+
+struct FragileSource {
+    struct AsyncIterator {
+        Async<std::optional<Fragile>> next() {
+            Fragile fragile;
+            fragile.breaks = true;
+            return Async<std::optional<Fragile>>::ready(std::move(fragile));
+        }
+    };
+    [[nodiscard]] AsyncIterator makeAsyncIterator() const noexcept { return {}; }
+};
+
+TEST(AsyncBroadcastElements, OneWhoseCopyThrowsFailsTheSource) {
+    const auto shared = broadcast(FragileSource(), kUnbounded);
+    for (int consumer = 0; consumer < 2; ++consumer) {
+        auto iterator = shared->makeAsyncIterator();
+        EXPECT_THROW((void)syncWait(iterator.next()), test::SourceError);
+        EXPECT_THROW((void)syncWait(iterator.next()), test::SourceError);
+    }
+}
+
 }  // namespace
 }  // namespace vantorq

@@ -518,5 +518,10 @@ RC_GTEST_PROP(CancellableTrackerModel, OverAWeakHashTableIsASet, ()) {
     checkAgainstASet(Tracker::hashTable(Table::weakObjectsHashTable()));
 }
 
+TEST(CancellableTracker, NilIsRefused) {
+    EXPECT_TRAP((void)Tracker::set()->track(nullptr), "CancellableTracker: nil cannot be tracked");
+    EXPECT_TRAP((void)Tracker::set({Item()}), "CancellableTracker: nil cannot be tracked");
+}
+
 }  // namespace
 }  // namespace vantorq

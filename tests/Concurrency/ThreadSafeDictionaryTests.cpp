@@ -185,6 +185,41 @@ TEST(ThreadSafeDictionary, RemoveAllKeepingCapacityEmptiesIt) {
     EXPECT_EQ(valueOf(*ages, "Ada"), 1);
 }
 
+/// Counts how often values are moved.
+struct Mover {
+    static inline constinit int moves = 0;
+
+    Mover() = default;
+    Mover(const Mover&) = default;
+    Mover& operator=(const Mover&) = default;
+    Mover(Mover&&) noexcept { ++moves; }
+    Mover& operator=(Mover&&) noexcept {
+        ++moves;
+        return *this;
+    }
+    ~Mover() = default;
+};
+
+/// The moves that filling an emptied dictionary again takes.
+int movesToRefill(bool keepsCapacity) {
+    constexpr int kCount = 1000;
+    const auto dictionary = make<ThreadSafeDictionary<int, Mover>>();
+    const auto fill = [&] {
+        for (int key = 0; key < kCount; ++key) {
+            (*dictionary)[key] = Mover();
+        }
+    };
+    fill();
+    dictionary->removeAll(keepsCapacity);
+    Mover::moves = 0;
+    fill();
+    return Mover::moves;
+}
+
+TEST(ThreadSafeDictionary, RemoveAllKeepingCapacityKeepsTheStorage) {
+    EXPECT_LT(movesToRefill(true), movesToRefill(false));
+}
+
 TEST(ThreadSafeDictionary, ForEachCallsTheBodyOncePerEntry) {
     const auto ages = someAges();
     std::vector<std::pair<std::string, int>> seen;

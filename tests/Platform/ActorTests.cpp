@@ -294,5 +294,35 @@ TEST(Actor, LivesWhileCodeWaitsToComeBackToIt) {
     EXPECT_EQ(CountedActor::living, 0);
 }
 
+/// Two executors: a task of the second waits for the actor that a task of the first has.
+TEST(Actor, CodeOfAnotherExecutorGoesOnThere) {
+    const auto actor = make<Actor>();
+    const auto first = make<ManualExecutor>();
+    const auto second = make<ManualExecutor>();
+    Task<>* waiting = nullptr;
+    std::optional<Task<>> waitingTask;
+    const auto holding = Task<>::start(
+        [&]() -> Async<> {
+            co_await actor->enter();
+            // Runs while this code has the actor, up to where it has to wait for that.
+            waitingTask = Task<>::start(
+                [&actor]() -> Async<> {
+                    auto nothing = actor->run([] {});
+                    co_await std::move(nothing);
+                },
+                {.executor = second});
+            waiting = &*waitingTask;
+            second->runAll();
+        },
+        {.executor = first});
+    first->runAll();
+    EXPECT_TRUE(holding.isDone());
+    ASSERT_NE(waiting, nullptr);
+    EXPECT_FALSE(waiting->isDone());
+    EXPECT_EQ(second->pendingCount(), 1U);
+    second->runAll();
+    EXPECT_TRUE(waiting->isDone());
+}
+
 }  // namespace
 }  // namespace vantorq

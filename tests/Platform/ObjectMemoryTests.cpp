@@ -101,7 +101,7 @@ TEST(Immortal, AWeakHandleOfAConstantLoadsIt) {
 }
 
 TEST(Immortal, AnObjectThatHasBecomeImmortalOutlivesItsHandles) {
-    Marked<16>& shared = immortal(make<Marked<16>>(std::uint8_t{7}));
+    static Marked<16>& shared = immortal(make<Marked<16>>(std::uint8_t{7}));
     for (int i = 0; i < 10; ++i) {
         shared.release();
     }

@@ -16,6 +16,7 @@
 
 #include "Support/Tasks.h"
 #include "Support/Threads.h"
+#include "Support/Trap.h"
 #include "VantorqFoundation/Platform/Continuation.h"
 #include "VantorqFoundation/Platform/DispatchQueue.h"
 #include "VantorqFoundation/testing/ManualExecutor.h"
@@ -487,6 +488,36 @@ TEST(Task, CancellingADoneTaskDoesNothing) {
     EXPECT_EQ(syncWait(task), 3);
     task.cancel();
     EXPECT_EQ(syncWait(task), 3);
+}
+
+TEST(Task, TheOutcomeOfWorkThatHasNotEndedTraps) {
+    EXPECT_TRAP(
+        {
+            const auto executor = make<testing::ManualExecutor>();
+            const auto task = Task<int>::start(three, {.executor = executor});
+            (void)task.outcome();
+        },
+        "Task: the outcome of work that has not ended was asked for");
+}
+
+TEST(Task, AnExceptionThatLeavesACancellationHandlerEndsTheProcess) {
+    const auto endByHandler = [] {
+        const auto executor = make<testing::ManualExecutor>();
+        const auto task = Task<>::start(
+            []() -> Async<> {
+                auto pending = withTaskCancellationHandler(
+                    []() -> Async<> {
+                        auto never = [](const Continuation<void>&) {};
+                        co_await withContinuation<void>(never);
+                    },
+                    [] { throw std::runtime_error("no"); });
+                co_await std::move(pending);
+            },
+            {.executor = executor});
+        executor->runAll();
+        task.cancel();
+    };
+    EXPECT_EXIT(endByHandler(), ::testing::KilledBySignal(SIGABRT), "");
 }
 
 }  // namespace

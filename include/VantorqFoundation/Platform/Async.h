@@ -30,6 +30,11 @@
 /// A call and its await take one allocation, the function's frame. A chain of awaits of any length
 /// does not deepen the stack.
 ///
+/// GCC 12 destroys some temporaries of an awaited expression twice: those of closures and
+/// aggregates that own something. Give what you await a name first (`auto pending = f([value] { …
+/// });`), and do not await within the condition of an `if` or a loop but to declare a variable
+/// there.
+///
 /// What the function's parameters refer to has to live until the await ends. Beware of a lambda
 /// with captures that is itself a coroutine: its captures are those of the lambda, which may be
 /// gone while the function still runs; `Task` keeps the lambda that it is given.
