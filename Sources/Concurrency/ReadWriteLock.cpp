@@ -9,7 +9,8 @@ namespace vantorq {
 
 void ReadWriteLock::aroundBlock(Acquire* acquireLock, Block<void()> body) {
     const Ref<ReadWriteLock> self(this);
-    around(acquireLock, body);
+    const Block<void()> copy = std::move(body);
+    around(acquireLock, copy);
 }
 
 struct ReadWriteLockMessages {

@@ -6,6 +6,7 @@
 #include <exception>
 #include <mutex>
 #include <optional>
+#include <type_traits>
 #include <utility>
 #include <variant>
 
@@ -49,8 +50,9 @@ namespace vantorq {
 /// the iterator alone, which must not refer to the sequence itself. Elements are copied to each
 /// consumer. Reading an element that is kept neither suspends nor allocates. A `bufferingNewest`
 /// buffer copies its elements, and every buffer stores and drops them, while it is locked: what the
-/// elements do then must not lead back to the broadcast. An element whose copy throws fails the
-/// source with that error.
+/// elements do then must not lead back to the broadcast. An element whose copy throws as it is
+/// stored fails the source with that error; when the copy to a consumer throws, that call does, and
+/// the element may be asked for again. Moving elements must not throw.
 ///
 /// Threads: any. An iterator belongs to one consumer. The source is read by one thread at a time.
 template <AsyncSequence Base>
@@ -63,7 +65,9 @@ public:
 
     class AsyncIterator;
 
-    AsyncBroadcast(Base source, BufferingPolicy policy)
+    /// For `broadcast`.
+    template <class S>
+    AsyncBroadcast(S& source, BufferingPolicy policy)
         : iterator_(Queryable{make<Source>(source)}), buffer_(policy) {}
 
     /// An iterator for one more consumer.
@@ -77,7 +81,8 @@ private:
     /// The source's iterator, for one reading at a time; a reading may outlive the broadcast.
     class Source final : public RefCounted {
     public:
-        explicit Source(Base& base) : iterator(base.makeAsyncIterator()) {}
+        template <class S>
+        explicit Source(S& sequence) : iterator(sequence.makeAsyncIterator()) {}
         AsyncIteratorOf<Base> iterator;
 
     private:
@@ -148,10 +153,14 @@ public:
     }
     /// Ends a reading that has no coroutine.
     void finishWith(const Answer& answer) {
-        if (answer.error != nullptr) {
-            this->outcome.setError(answer.error);
-        } else {
-            this->outcome.setValue(answer.element);
+        try {
+            if (answer.error != nullptr) {
+                this->outcome.setError(answer.error);
+            } else {
+                this->outcome.setValue(answer.element);
+            }
+        } catch (...) {
+            this->outcome.setError(std::current_exception());
         }
         this->finish();
     }
@@ -223,8 +232,9 @@ public:
         if (kept_ != nullptr) {
             const Index index = currentIndex_.has_value() ? *currentIndex_ + 1 : 0;
             if (index < static_cast<Index>(kept_->size())) {
-                currentIndex_ = index;
-                return Async<MaybeElement>::ready((*kept_)[static_cast<std::uint64_t>(index)]);
+                auto kept = Async<MaybeElement>::ready((*kept_)[static_cast<std::uint64_t>(index)]);
+                currentIndex_ = index;  // not when the copy has thrown
+                return kept;
             }
         }
         return nextAtEdge();
@@ -244,8 +254,9 @@ private:
         std::unique_lock lock(source_->lock_);
         const Index index = source_->readIndex(currentIndex_);
         if (index != source_->buffer_.endIndex()) {
+            auto kept = Async<MaybeElement>::ready(source_->buffer_[index]);
             currentIndex_ = index;
-            return Async<MaybeElement>::ready(source_->buffer_[index]);
+            return kept;
         }
         if (const auto* threw = std::get_if<Threw>(&source_->iterator_)) {
             return failed(index, threw->error);
@@ -273,7 +284,7 @@ private:
         if constexpr (kMayBeReady) {
             Answer answer;
             try {
-                const detail::OutsideOfTasks scope;
+                const detail::CancellationShield scope;
                 pending.emplace(source->iterator.next());
                 if (pending->isReady()) {
                     answer.element = pending->takeReady();
@@ -369,10 +380,19 @@ void AsyncBroadcast<Base>::receive(Answer& answer) noexcept {
     queryIteratorTask_ = nullptr;
 }
 
-/// Shares `source` among any number of consumers; see `AsyncBroadcast`.
+/// Shares `source` among any number of consumers; see `AsyncBroadcast`. Makes an iterator of it,
+/// and keeps that alone.
+template <class S>
+    requires AsyncSequence<std::remove_reference_t<S>>
+[[nodiscard]] Ref<AsyncBroadcast<std::remove_cvref_t<S>>> broadcast(
+    S&& source, BufferingPolicy bufferingPolicy) {
+    return make<AsyncBroadcast<std::remove_cvref_t<S>>>(source, bufferingPolicy);
+}
+/// The same for what another broadcast gives.
 template <AsyncSequence Base>
-[[nodiscard]] Ref<AsyncBroadcast<Base>> broadcast(Base source, BufferingPolicy bufferingPolicy) {
-    return make<AsyncBroadcast<Base>>(std::move(source), bufferingPolicy);
+[[nodiscard]] Ref<AsyncBroadcast<AsyncBroadcast<Base>>> broadcast(
+    const Ref<AsyncBroadcast<Base>>& source, BufferingPolicy bufferingPolicy) {
+    return broadcast(*source, bufferingPolicy);
 }
 
 }  // namespace vantorq

@@ -68,8 +68,8 @@ Async<std::optional<Element>> nothingIfThrown(Async<std::optional<Element>> next
         std::optional<Element> element = co_await std::move(next);
         co_return element;
     } catch (...) {
+        co_return std::nullopt;
     }
-    co_return std::nullopt;
 }
 
 template <class Element>
@@ -152,7 +152,8 @@ struct ObservedStream {
 /// copy of each element that consumers of `iterableStream` have got, in the same order, and ends
 /// when they have got to the end. It drives nothing itself, and keeps in its buffer, without a
 /// bound, what it is not asked for. When `iterableStream` is given up before its end, `observer`
-/// does not end.
+/// does not end; but a consumer that is cancelled while it waits cancels the waiting for `stream`,
+/// and where that ends it, `observer` ends as well.
 template <std::copy_constructible Element>
 [[nodiscard]] ObservedStream<Element> makeObserver(const AsyncStream<Element>& stream) {
     auto made = AsyncStream<Element>::makeStream();
@@ -160,7 +161,7 @@ template <std::copy_constructible Element>
         [iterator = detail::shareIterator(stream), continuation = std::move(made.continuation)] {
             auto next = iterator->next();
             return next.isReady() ? Async<std::optional<Element>>::ready(
-                                        detail::tap<Element>(detail::takeReady(next), continuation))
+                                        detail::tap<Element>(next.takeReady(), continuation))
                                   : detail::tapNext<Element>(std::move(next), continuation);
         });
     return {std::move(iterableStream), std::move(made.stream)};

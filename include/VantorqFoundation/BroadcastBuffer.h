@@ -44,7 +44,7 @@ public:
     ~AppendOnlyList() {
         const std::uint64_t end = size();
         for (std::uint64_t index = 0; index < end; ++index) {
-            std::destroy_at(&at(index));
+            std::destroy_at(std::addressof(at(index)));
         }
         for (std::size_t number = 0; number < kChunks && chunks_[number] != nullptr; ++number) {
             std::allocator<Element>().deallocate(chunks_[number], capacity(number));
@@ -64,7 +64,7 @@ public:
         if (chunks_[number] == nullptr) {
             chunks_[number] = std::allocator<Element>().allocate(capacity(number));
         }
-        std::construct_at(&at(index), std::move(element));
+        std::construct_at(std::addressof(at(index)), std::move(element));
         size_.store(index + 1, std::memory_order_release);
     }
 
@@ -121,10 +121,10 @@ public:
             ++size_;
             return;
         }
-        startIndex_ = checkedIndex(startIndex_, 1);
         if (size_ > 0) {
             slots_[slot(index)] = std::move(element);
         }
+        startIndex_ = checkedIndex(startIndex_, 1);
     }
 
 private:

@@ -33,8 +33,10 @@ namespace detail {
 template <class T>
 struct CancellableTarget {
     using Type = T;
-    static T& of(T& value) noexcept { return value; }
-    static const T& of(const T& value) noexcept { return value; }
+    template <class V>  // T or const T
+    static V& of(V& value) noexcept {
+        return value;
+    }
     static bool isNil(const T&) noexcept { return false; }
 };
 template <class Object>

@@ -934,5 +934,92 @@ TEST(AsyncBroadcastElements, OneWhoseCopyThrowsFailsTheSource) {
     }
 }
 
+/// Throws at its copies as long as it is told to.
+struct Stubborn {
+    explicit Stubborn(int itsNumber) : number(itsNumber) {}
+    Stubborn(const Stubborn& other) : number(other.number) {
+        if (throws) {
+            throw test::SourceError();
+        }
+    }
+    Stubborn& operator=(const Stubborn& other) {
+        number = Stubborn(other).number;
+        return *this;
+    }
+    Stubborn(Stubborn&&) noexcept = default;
+    Stubborn& operator=(Stubborn&&) noexcept = default;
+    ~Stubborn() = default;
+
+    static inline constinit bool throws = false;
+    int number;
+};
+
+struct StubbornSource {
+    struct AsyncIterator {
+        Async<std::optional<Stubborn>> next() {
+            return Async<std::optional<Stubborn>>::ready(std::in_place, ++last);
+        }
+        int last = 0;
+    };
+    [[nodiscard]] AsyncIterator makeAsyncIterator() const noexcept { return {}; }
+};
+
+TEST(AsyncBroadcastElements, OneWhoseCopyToAConsumerThrowsMayBeAskedForAgain) {
+    for (const auto policy : {kUnbounded, BufferingPolicy::bufferingNewest(5)}) {
+        const auto shared = broadcast(StubbornSource(), policy);
+        auto ahead = shared->makeAsyncIterator();
+        EXPECT_EQ(syncWait(ahead.next())->number, 1);
+        auto behind = shared->makeAsyncIterator();
+        Stubborn::throws = true;
+        EXPECT_THROW((void)syncWait(behind.next()), test::SourceError);
+        Stubborn::throws = false;
+        EXPECT_EQ(syncWait(behind.next())->number, 1);
+    }
+}
+
+TEST(AsyncBroadcastElements, MayComeFromAnotherBroadcast) {
+    const auto inner = broadcast(Countdown{2}, kUnbounded);
+    const auto outer = broadcast(inner, kUnbounded);
+    for (int consumer = 0; consumer < 2; ++consumer) {
+        auto iterator = outer->makeAsyncIterator();
+        EXPECT_EQ(syncWait(iterator.next()), 2);
+        EXPECT_EQ(syncWait(iterator.next()), 1);
+        EXPECT_THROW((void)syncWait(iterator.next()), test::SourceError);
+    }
+}
+
+/// Says, for each element, what the task that reads it looks like from within the source.
+struct LookingSource {
+    struct AsyncIterator {
+        Async<std::optional<bool>> next() {
+            const bool isUndisturbed = !thisTask::isCancelled();
+            started->push_back(Task<>::start([]() -> Async<> { co_return; }));
+            return Async<std::optional<bool>>::ready(isUndisturbed);
+        }
+        std::vector<Task<>>* started;
+    };
+    [[nodiscard]] AsyncIterator makeAsyncIterator() const noexcept { return {started}; }
+    std::vector<Task<>>* started;
+};
+
+TEST(AsyncBroadcastSource, StartsTasksOnTheExecutorOfItsConsumer) {
+    std::vector<Task<>> started;
+    const auto shared = broadcast(LookingSource{&started}, kUnbounded);
+    const auto executor = make<testing::ManualExecutor>();
+    const auto reading = Task<bool>::start(
+        [shared]() -> Async<bool> {
+            auto iterator = shared->makeAsyncIterator();
+            const auto element = co_await iterator.next();
+            co_return element.value();
+        },
+        {.executor = executor});
+    EXPECT_TRUE(executor->runOne());
+    EXPECT_TRUE(reading.isDone());
+    ASSERT_EQ(started.size(), 1U);
+    EXPECT_EQ(executor->pendingCount(), 1U);
+    executor->runAll();
+    EXPECT_TRUE(started[0].isDone());
+}
+
 }  // namespace
 }  // namespace vantorq

@@ -28,6 +28,7 @@ void post(detail::Job& job) noexcept {
 void detail::run(Job& first) noexcept {
     Context& here = threadContext;
     const Context outer = here;
+    here.isShielded = false;
     const Ref<Executor> home = first.task->home();
     Job* job = &first;
     do {

@@ -50,7 +50,7 @@ void TimerStore::arm(TimerEntry& entry, std::int64_t due, std::int64_t latest) {
         if (!startThread(
                 "vntq-timer", [](void* self) { static_cast<TimerStore*>(self)->threadMain(); },
                 this)) {
-            VNTQ_TRAP("DispatchTimer: the system has no room for a thread");
+            VNTQ_TRAP("Timers: the system has no room for a thread");
         }
     } else if (needsWakeUp) {
         alarm_.wake();

@@ -137,8 +137,9 @@ void closeCache(void*) noexcept {
 }
 
 [[gnu::noinline]] void* allocateFromDepot(Bin& bin, std::size_t index) {
-    bin.stack = bin.spare.count > 0 || !threadCache.isOpen ? std::exchange(bin.spare, {})
-                                                           : depots[index].take();
+    const bool isOpen = threadCache.isOpen || openCache();
+    bin.stack =
+        bin.spare.count > 0 || !isOpen ? std::exchange(bin.spare, {}) : depots[index].take();
     return bin.stack.count > 0 ? bin.stack.pop() : ::operator new((index + 1) * kGranularity);
 }
 

@@ -44,8 +44,9 @@
 /// one consumer at a time.
 ///
 /// Threads: any. Streams, iterators and continuations are values whose copies mean the same stream.
-/// No lock is held while a handler, a producer or a destructor of an element runs; but elements are
-/// moved into and out of the buffer under one, so moving an element must not use its stream.
+/// No lock is held while a handler or a producer runs, or a dropped element is destroyed; but
+/// elements are moved into and out of the buffer under one, so moving an element, and destroying
+/// what is left of it, must not use its stream.
 namespace vantorq {
 
 /// How a stream has come to its end.

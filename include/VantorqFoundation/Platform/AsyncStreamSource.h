@@ -12,12 +12,6 @@ namespace vantorq {
 
 namespace detail {
 
-/// The value of a result that is ready.
-template <class T>
-T takeReady(Async<T>& ready) {
-    return std::move(ready).operator co_await().await_resume();
-}
-
 /// What the handles and the iterators of a stream share.
 template <class Element>
 class StreamSource : public RefCounted {
@@ -251,7 +245,7 @@ public:
             if (!produced.isReady()) {
                 return wait(Ref(this), functions, std::move(produced));
             }
-            return Next::ready(checked(takeReady(produced)));
+            return Next::ready(checked(produced.takeReady()));
         } catch (...) {
             return this->failed(failure());
         }

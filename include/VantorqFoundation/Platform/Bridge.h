@@ -3,6 +3,7 @@
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -103,6 +104,7 @@ template <detail::MapLike T>
 template <detail::SequenceLike T>
 [[nodiscard]] id bridge(const T& sequence) {
     std::vector<id> elements;
+    elements.reserve(static_cast<std::size_t>(std::distance(sequence.begin(), sequence.end())));
     for (auto&& element : sequence) {
         elements.push_back(bridge(static_cast<const typename T::value_type&>(element)));
     }

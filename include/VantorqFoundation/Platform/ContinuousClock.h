@@ -34,7 +34,8 @@ public:
     /// Takes no thread while it waits. Never ends early, and late by what the machine needs to get
     /// to it. It does not wake a machine that is suspended: a deadline that passes meanwhile ends
     /// the sleep as soon as the machine is awake again. Throws `std::system_error` when the process
-    /// has no file descriptor left for the timer, of which there is one for all sleeps.
+    /// has no file descriptor left for the timer, of which there is one for all sleeps; traps when
+    /// it has no room for the thread of the timers.
     static Async<> sleep(time_point deadline);
     /// The same for a length of time, counted from the await.
     static Async<> sleepFor(duration length);

@@ -30,20 +30,22 @@ struct Context {
     TaskState* task = nullptr;
     Actor* actor = nullptr;   ///< held by the thread, with a count of its own
     bool isBorrowed = false;  ///< the thread is somebody's who waits for this task only
+    bool isShielded = false;  ///< the code does not notice that its task is cancelled
 };
 
 VNTQ_EXPORT Context& context() noexcept;
 
-/// While it lasts, the code that the thread runs belongs to no task.
-class OutsideOfTasks {
+/// While it lasts, the code that the thread runs does not notice that its task is cancelled: for
+/// what is done in place, on behalf of others.
+class CancellationShield {
 public:
-    OutsideOfTasks() noexcept : task_(std::exchange(context().task, nullptr)) {}
-    ~OutsideOfTasks() { context().task = task_; }
-    OutsideOfTasks(const OutsideOfTasks&) = delete;
-    OutsideOfTasks& operator=(const OutsideOfTasks&) = delete;
+    CancellationShield() noexcept : outer_(std::exchange(context().isShielded, true)) {}
+    ~CancellationShield() { context().isShielded = outer_; }
+    CancellationShield(const CancellationShield&) = delete;
+    CancellationShield& operator=(const CancellationShield&) = delete;
 
 private:
-    TaskState* task_;
+    bool outer_;
 };
 
 /// Runs a job that was taken out of an executor, and what follows on from it on the same thread.

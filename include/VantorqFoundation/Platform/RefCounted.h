@@ -15,10 +15,13 @@
 
 // glibc's word for "no other thread has been started"; its header is not one of the standard
 // library.
-#if defined(__GLIBC__) && __GLIBC_PREREQ(2, 32)
+#if defined(__GLIBC__)
+#if __GLIBC_PREREQ(2, 32)
 extern "C" char __libc_single_threaded;
 #define VNTQ_SINGLE_THREADED (__libc_single_threaded != 0)
-#else
+#endif
+#endif
+#ifndef VNTQ_SINGLE_THREADED
 #define VNTQ_SINGLE_THREADED false
 #endif
 

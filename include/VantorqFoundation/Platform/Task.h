@@ -305,8 +305,8 @@ private:
 namespace thisTask {
 
 [[nodiscard]] inline bool isCancelled() noexcept {
-    const detail::TaskState* task = detail::context().task;
-    return task != nullptr && task->isCancelled();
+    const detail::Context& here = detail::context();
+    return here.task != nullptr && here.task->isCancelled() && !here.isShielded;
 }
 
 /// Throws `CancellationError` when the task is cancelled.
@@ -340,7 +340,8 @@ namespace detail {
 template <class F>
 class CancellationScope : private CancellationHandler {
 public:
-    explicit CancellationScope(F& function) noexcept : function_(function), task_(context().task) {
+    explicit CancellationScope(F& function) noexcept
+        : function_(function), task_(context().isShielded ? nullptr : context().task) {
         call = [](CancellationHandler& self) noexcept {
             static_cast<CancellationScope&>(self).function_();
         };
