@@ -9,56 +9,12 @@
 #include <gtest/gtest.h>
 
 #include "Support/Operations.h"
+#include "Support/Rounds.h"
 
 namespace vantorq {
 namespace {
 
-/// Threads that do the same numbered rounds together: each begins a round when all are there.
-class Rounds {
-public:
-    Rounds(std::uint32_t threads, std::uint64_t rounds) : threads_(threads), rounds_(rounds) {}
-
-    template <class Prepare, class Act>
-    void run(Prepare prepare, Act act) {
-        std::vector<std::thread> others;
-        for (std::uint32_t i = 1; i < threads_; ++i) {
-            others.emplace_back([this, i, &act] {
-                for (std::uint64_t round = 0; round < rounds_; ++round) {
-                    waitFor(begun_, round + 1);
-                    act(i, round);
-                    arrived_.fetch_add(1);
-                    arrived_.notify_all();
-                }
-            });
-        }
-        for (std::uint64_t round = 0; round < rounds_; ++round) {
-            prepare(round);
-            begun_.store(round + 1);
-            begun_.notify_all();
-            act(0, round);
-            waitFor(arrived_, (round + 1) * (threads_ - 1));
-        }
-        for (auto& thread : others) {
-            thread.join();
-        }
-    }
-
-private:
-    static void waitFor(const std::atomic<std::uint64_t>& counter, std::uint64_t value) {
-        // Spinning first brings the threads together closely enough to meet in the middle of
-        // things.
-        for (int spin = 0; spin < 5'000 && counter < value; ++spin) {
-        }
-        for (std::uint64_t seen = counter; seen < value; seen = counter) {
-            counter.wait(seen);
-        }
-    }
-
-    const std::uint32_t threads_;
-    const std::uint64_t rounds_;
-    std::atomic<std::uint64_t> begun_{0};
-    std::atomic<std::uint64_t> arrived_{0};
-};
+using test::Rounds;
 
 constexpr std::uint64_t kBatch = 50;
 constexpr std::uint64_t kRounds = 1'000'000 / kBatch;
