@@ -158,10 +158,8 @@ void armAndCancelTimers(benchmark::State& state) {
     std::vector<Ref<DispatchTimer>> timers(kTimers);
     while (state.KeepRunningBatch(kTimers)) {
         for (auto& timer : timers) {
-            timer = make<DispatchTimer>(queue);
-            timer->setEventHandler([] { ++fired; });
+            timer = DispatchTimer::timer(queue, [] { ++fired; });
             timer->schedule(30'000'000'000, 1'000'000'000);
-            timer->resume();
         }
         for (auto& timer : timers) {
             timer->cancel();

@@ -108,6 +108,14 @@ double VNTQOperation::timeRemaining() const {
     return finished_ ? 0 : std::numeric_limits<double>::infinity();
 }
 
+/// Whether `timeRemaining` is above 0. A deadline that is far ahead needs no exact time.
+bool VNTQOperation::hasTimeLeft() const {
+    constexpr double kFarAhead = 1;
+    const double deadline = deadline_;
+    const bool isFarAhead = !std::isnan(deadline) && deadline - NSDate::coarseNow() > kFarAhead;
+    return isFarAhead || timeRemaining() > 0;
+}
+
 bool VNTQOperation::isStillExecuting() const {
     const std::lock_guard guard(lock_);
     return executing_;
@@ -118,7 +126,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    if (!(timeRemaining() > 0)) {
+    if (!hasTimeLeft()) {
         completeWithTimeout();
         return;
     }
@@ -147,17 +155,16 @@ void VNTQOperation::main() {}
 void VNTQOperation::scheduleTimer(double seconds) {
     auto queue = executionQueue_.load();
     const auto timer =
-        make<DispatchTimer>(queue != nullptr ? std::move(queue) : DispatchQueue::global());
-    timer->setEventHandler([weakSelf = Weak<VNTQOperation>(this)] {
-        if (const auto self = weakSelf.load()) {
-            self->invalidateTimerIfNeeded();
-            self->completeWithTimeout();
-        }
-    });
+        DispatchTimer::timer(queue != nullptr ? std::move(queue) : DispatchQueue::global(),
+                             [weakSelf = Weak<VNTQOperation>(this)] {
+                                 if (const auto self = weakSelf.load()) {
+                                     self->invalidateTimerIfNeeded();
+                                     self->completeWithTimeout();
+                                 }
+                             });
     setInvalidateTimer([timer] { timer->cancel(); });
     const TimeoutDelay delay = timeoutDelay(seconds);
     timer->schedule(delay.nanoseconds, delay.leeway);
-    timer->resume();
 }
 
 void VNTQOperation::invalidateTimerIfNeeded() {

@@ -148,6 +148,7 @@ private:
     [[nodiscard]] bool isOver() const { return finished_ || isCancelled(); }
     [[nodiscard]] Ref<DispatchQueue> callbackQueue() const;
     [[nodiscard]] bool isStillExecuting() const;
+    [[nodiscard]] bool hasTimeLeft() const;
     void moveDeadline(double startDate);
     bool announceExecutionEnd(const Ref<VNTQResult>* result);
 

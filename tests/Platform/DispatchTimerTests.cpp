@@ -1,15 +1,16 @@
 #include "VantorqFoundation/Platform/DispatchTimer.h"
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <latch>
+#include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include "Support/Trap.h"
 
 namespace vantorq {
 namespace {
@@ -22,10 +23,8 @@ constexpr std::uint64_t kHour = 3'600'000'000'000;
 
 template <class F>
 Ref<DispatchTimer> startTimer(const Ref<DispatchQueue>& queue, std::uint64_t delay, F handler) {
-    auto timer = make<DispatchTimer>(queue);
-    timer->setEventHandler(std::move(handler));
+    auto timer = DispatchTimer::timer(queue, std::move(handler));
     timer->schedule(delay);
-    timer->resume();
     return timer;
 }
 
@@ -74,7 +73,6 @@ TEST(DispatchTimer, FiresOnce) {
     const auto timer = startTimer(DispatchQueue::global(), 0, [&] { ++count; });
     awaitTimersDueNow();
     timer->schedule(0);
-    timer->resume();
     awaitTimersDueNow();
     DispatchQueue::serial("s")->sync([] {});
     EXPECT_LE(count, 1);
@@ -82,26 +80,13 @@ TEST(DispatchTimer, FiresOnce) {
     }
 }
 
-TEST(DispatchTimer, DoesNotFireBeforeItIsResumed) {
+TEST(DispatchTimer, DoesNotFireBeforeItIsScheduled) {
     HeldQueue held;
     bool fired = false;
-    const auto timer = make<DispatchTimer>(held.queue);
-    timer->setEventHandler([&] { fired = true; });
-    timer->schedule(0);
+    const auto timer = DispatchTimer::timer(held.queue, [&] { fired = true; });
     awaitTimersDueNow();
     held.letGoAndDrain();
     EXPECT_FALSE(fired);
-}
-
-TEST(DispatchTimer, MayBeResumedBeforeItIsScheduled) {
-    std::latch fired(1);
-    const auto timer = make<DispatchTimer>(DispatchQueue::global());
-    timer->setEventHandler([&] { fired.count_down(); });
-    timer->resume();
-    awaitTimersDueNow();
-    EXPECT_FALSE(fired.try_wait());
-    timer->schedule(0);
-    fired.wait();
 }
 
 TEST(DispatchTimer, SchedulingAgainMovesIt) {
@@ -177,7 +162,7 @@ TEST(DispatchTimer, LettingGoWithinTheHandlerIsAllowed) {
 }
 
 TEST(DispatchTimer, LetsGoOfItsHandlerWithItself) {
-    const auto captured = make<DispatchTimer>(DispatchQueue::global());
+    const auto captured = DispatchTimer::timer(DispatchQueue::global(), [] {});
     auto timer = startTimer(DispatchQueue::global(), kHour, [captured] {});
     EXPECT_EQ(captured->ownerCount(), 2U);
     timer.reset();
@@ -185,10 +170,8 @@ TEST(DispatchTimer, LetsGoOfItsHandlerWithItself) {
 }
 
 TEST(DispatchTimer, EnormousTimesNeverCome) {
-    const auto timer = make<DispatchTimer>(DispatchQueue::global());
-    timer->setEventHandler([] { abort(); });
+    const auto timer = DispatchTimer::timer(DispatchQueue::global(), [] { abort(); });
     timer->schedule(UINT64_MAX, UINT64_MAX);
-    timer->resume();
     const auto other = startTimer(DispatchQueue::global(), INT64_MAX, [] { abort(); });
     awaitTimersDueNow();
 }
@@ -197,15 +180,70 @@ TEST(DispatchTimer, ALeewayDoesNotMakeItFireEarly) {
     const auto start = Clock::now();
     Clock::time_point firedAt;
     std::latch fired(1);
-    const auto timer = make<DispatchTimer>(DispatchQueue::global());
-    timer->setEventHandler([&] {
+    const auto timer = DispatchTimer::timer(DispatchQueue::global(), [&] {
         firedAt = Clock::now();
         fired.count_down();
     });
     timer->schedule(10 * kMillisecond, 30 * kMillisecond);
-    timer->resume();
     fired.wait();
     EXPECT_GE(firedAt - start, 10ms);
+}
+
+/// From a second on, the leeway spares the timer the exact time.
+TEST(DispatchTimer, AGenerousLeewayDoesNotMakeItFireEarlyOrLate) {
+    HeldQueue held;
+    bool fired = false;
+    const auto later = DispatchTimer::timer(held.queue, [&] { fired = true; });
+    later->schedule(kHour, kHour / 10);
+    std::latch waited(1);
+    const auto start = Clock::now();
+    const auto timer = DispatchTimer::timer(DispatchQueue::global(), [&] { waited.count_down(); });
+    timer->schedule(10 * kMillisecond, 1'000 * kMillisecond);
+    waited.wait();
+    EXPECT_GE(Clock::now() - start, 10ms);
+    awaitTimersDueNow();
+    held.letGoAndDrain();
+    EXPECT_FALSE(fired);
+}
+
+TEST(DispatchTimer, TheHandlerMayBeMoveOnlyAndLarge) {
+    std::latch fired(1);
+    std::array<int, 100> numbers{};
+    numbers.back() = 7;
+    int seen = 0;
+    const auto timer =
+        startTimer(DispatchQueue::global(), 0, [&, numbers, one = std::make_unique<int>(1)] {
+            seen = numbers.back() + *one;
+            fired.count_down();
+        });
+    fired.wait();
+    EXPECT_EQ(seen, 8);
+}
+
+TEST(DispatchTimer, IsNotCancelledOnceItsHandlerHasBegun) {
+    std::latch begun(1);
+    std::latch mayGoOn(1);
+    const auto queue = DispatchQueue::serial("s");
+    const auto timer = startTimer(queue, 0, [&] {
+        begun.count_down();
+        mayGoOn.wait();
+    });
+    begun.wait();
+    timer->cancel();
+    EXPECT_FALSE(timer->isCancelled());
+    mayGoOn.count_down();
+    queue->sync([] {});
+}
+
+/// The store of timers must not be locked by whoever destroys a handler.
+TEST(DispatchTimer, AHandlerMayHoldTheLastOwnerOfAnotherTimer) {
+    for (int i = 0; i < 200; ++i) {
+        auto other = startTimer(DispatchQueue::global(), kHour, [] { abort(); });
+        const auto timer = startTimer(DispatchQueue::global(), static_cast<std::uint64_t>(i) * 500,
+                                      [other = std::move(other)] {});
+        timer->cancel();
+    }
+    awaitTimersDueNow();
 }
 
 TEST(DispatchTimer, ManyTimersFireEachNotBeforeItsTime) {
@@ -227,6 +265,27 @@ TEST(DispatchTimer, ManyTimersFireEachNotBeforeItsTime) {
     EXPECT_EQ(early, 0);
 }
 
+/// They are armed so that all are due when the first of them has to fire.
+TEST(DispatchTimer, TimersOfSeveralThreadsFireInTheOrderOfTheirLastMoments) {
+    constexpr int kThreads = 6;
+    HeldQueue held;
+    std::vector<int> fired;
+    std::vector<Ref<DispatchTimer>> timers;
+    const auto start = Clock::now();
+    for (int number = 0; number < kThreads; ++number) {
+        std::thread([&] {
+            const auto latest = start + 600ms - number * 50ms;
+            timers.push_back(
+                DispatchTimer::timer(held.queue, [&fired, number] { fired.push_back(number); }));
+            timers.back()->schedule(0, static_cast<std::uint64_t>((latest - Clock::now()) / 1ns));
+        }).join();
+    }
+    std::this_thread::sleep_until(start + 600ms);
+    awaitTimersDueNow();
+    held.letGoAndDrain();
+    EXPECT_EQ(fired, (std::vector{5, 4, 3, 2, 1, 0}));
+}
+
 TEST(DispatchTimer, AHundredThousandMayBeArmedAndCancelledInAnyOrder) {
     constexpr int kTimers = 100'000;
     std::mt19937 random(2);
@@ -240,16 +299,6 @@ TEST(DispatchTimer, AHundredThousandMayBeArmedAndCancelledInAnyOrder) {
         timer->cancel();
     }
     awaitTimersDueNow();
-}
-
-TEST(DispatchTimer, ResumingWithoutAHandlerTraps) {
-    EXPECT_TRAP(make<DispatchTimer>(DispatchQueue::global())->resume(),
-                "resumed without a handler");
-}
-
-TEST(DispatchTimer, SettingTheHandlerAfterResumingTraps) {
-    const auto timer = startTimer(DispatchQueue::global(), kHour, [] {});
-    EXPECT_TRAP(timer->setEventHandler([] {}), "the handler was set after resume");
 }
 
 }  // namespace

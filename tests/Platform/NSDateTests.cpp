@@ -31,6 +31,13 @@ TEST(NSDate, NowIsTheSystemsTime) {
     EXPECT_LE(now, seconds() + 1e-6);
 }
 
+TEST(NSDate, TheCoarseTimeIsATimeShortlyBefore) {
+    const double before = NSDate::now();
+    const double coarse = NSDate::coarseNow();
+    EXPECT_LE(coarse, NSDate::now());
+    EXPECT_GT(coarse, before - 60) << "even when the machine was held up";
+}
+
 TEST(NSDate, IntervalsFromTheEpochs) {
     EXPECT_EQ(NSDate::dateWithTimeIntervalSince1970(0)->timeIntervalSinceReferenceDate(),
               -978307200.0);

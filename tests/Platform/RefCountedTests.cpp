@@ -18,7 +18,7 @@ public:
         : destroyed_(destroyed), atEnd_(std::move(atEnd)) {}
 
     using RefCounted::attachment;
-    using RefCounted::mayHaveAttachment;
+    using RefCounted::hasAttachment;
     using RefCounted::setAttachmentOnce;
 
 protected:
@@ -78,11 +78,11 @@ TEST(RefCounted, AnAttachmentIsSetOnceAndGoesWithItsObject) {
     int destroyed = 0;
     int attachmentsDestroyed = 0;
     auto thing = make<Thing>(destroyed);
-    EXPECT_FALSE(thing->mayHaveAttachment());
+    EXPECT_FALSE(thing->hasAttachment());
     EXPECT_EQ(thing->attachment(), nullptr);
 
     RefCounted* const first = thing->setAttachmentOnce(make<Thing>(attachmentsDestroyed).get());
-    EXPECT_TRUE(thing->mayHaveAttachment());
+    EXPECT_TRUE(thing->hasAttachment());
     EXPECT_EQ(thing->attachment(), first);
     EXPECT_EQ(thing->setAttachmentOnce(make<Thing>(attachmentsDestroyed).get()), first);
     EXPECT_EQ(attachmentsDestroyed, 1) << "the one that came too late";

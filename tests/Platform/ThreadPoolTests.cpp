@@ -202,10 +202,8 @@ TEST(ThreadPool, ThreadsEndWhenThereIsNothingToDo) {
     DispatchQueue::global()->asyncAfter(0.001, [&] { done.count_down(); });
     done.wait();
     {
-        const auto timer = make<DispatchTimer>(DispatchQueue::global());
-        timer->setEventHandler([] {});
+        const auto timer = DispatchTimer::timer(DispatchQueue::global(), [] {});
         timer->schedule(3'600'000'000'000);
-        timer->resume();
         EXPECT_GT(countThreads("vntq-"), 0);
     }
     EXPECT_TRUE(eventually([] { return countThreads("vntq-") == 0; }));

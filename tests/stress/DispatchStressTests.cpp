@@ -123,10 +123,9 @@ TEST(DispatchStress, TimersThatAreCancelledWhileTheyFire) {
         for (int i = 0; i < kEach; ++i) {
             const auto isOver = std::make_unique<std::atomic<bool>>(false);
             const auto queue = DispatchQueue::serial("s");
-            auto timer = make<DispatchTimer>(queue);
-            timer->setEventHandler([&, over = isOver.get()] { lateHandlers += *over ? 1 : 0; });
+            auto timer = DispatchTimer::timer(
+                queue, [&, over = isOver.get()] { lateHandlers += *over ? 1 : 0; });
             timer->schedule(static_cast<std::uint64_t>((i * 7 + number) % 40) * 1'000);
-            timer->resume();
             if (i % 2 == 0) {
                 timer->cancel();
             } else {
@@ -140,19 +139,32 @@ TEST(DispatchStress, TimersThatAreCancelledWhileTheyFire) {
     EXPECT_EQ(lateHandlers, 0);
 }
 
+TEST(DispatchStress, EveryTimerFiresThatThreadsArmSideBySide) {
+    constexpr int kEach = 2'000;
+    test::together(kThreads, [&](int number) {
+        for (int i = 0; i < kEach; ++i) {
+            const auto distant = DispatchTimer::timer(DispatchQueue::global(), [] { abort(); });
+            distant->schedule(3'600'000'000'000);
+            std::latch fired(1);
+            const auto timer =
+                DispatchTimer::timer(DispatchQueue::global(), [&] { fired.count_down(); });
+            timer->schedule(static_cast<std::uint64_t>((i * 7 + number) % 20) * 1'000);
+            fired.wait();
+        }
+    });
+}
+
 TEST(DispatchStress, TimersThatAreCancelledByAnotherThread) {
     constexpr int kRounds = 2'000;
     std::atomic<int> fired = 0;
     for (int i = 0; i < kRounds; ++i) {
-        const auto timer = make<DispatchTimer>(DispatchQueue::global());
-        timer->setEventHandler([&] { ++fired; });
-        timer->schedule(static_cast<std::uint64_t>(i % 50) * 1'000);
+        const auto timer = DispatchTimer::timer(DispatchQueue::global(), [&] { ++fired; });
         std::latch done(1);
         DispatchQueue::global()->async([&, timer] {
             timer->cancel();
             done.count_down();
         });
-        timer->resume();
+        timer->schedule(static_cast<std::uint64_t>(i % 50) * 1'000);
         done.wait();
         EXPECT_TRUE(timer->isCancelled() || fired > 0);
     }

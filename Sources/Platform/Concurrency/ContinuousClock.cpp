@@ -23,15 +23,15 @@ using SleepContinuation = Continuation<void, std::exception_ptr>;
 class Sleeper : private TimerEntry {
 public:
     explicit Sleeper(ContinuousClock::time_point deadline)
-        : store_(TimerStore::continuous()), deadline_(deadline.time_since_epoch().count()) {
-        take = [](TimerEntry& entry) {
-            const auto& self = static_cast<Sleeper&>(entry);
-            // A copy: the frame goes as soon as the await is resumed.
-            return DueWork{nullptr, &makeWork([continuation = *self.continuation_] {
-                               continuation.resume();
-                           })};
-        };
-    }
+        : TimerEntry([](TimerEntry& entry) {
+              const auto& self = static_cast<Sleeper&>(entry);
+              // A copy: the frame goes as soon as the await is resumed.
+              return DueWork{nullptr, &makeWork([continuation = *self.continuation_] {
+                                 continuation.resume();
+                             })};
+          }),
+          store_(TimerStore::continuous()),
+          deadline_(deadline.time_since_epoch().count()) {}
     Sleeper(const Sleeper&) = delete;
     Sleeper& operator=(const Sleeper&) = delete;
 

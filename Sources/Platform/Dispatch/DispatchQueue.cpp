@@ -50,12 +50,13 @@ std::size_t laneOf(DispatchQoS qos) {
 
 /// Work that is queued when its time has come.
 struct DelayedWork : TimerEntry {
-    DelayedWork(DispatchQueue& onto, Work& what) : queue(onto), work(what) {
-        take = [](TimerEntry& entry) {
-            const std::unique_ptr<DelayedWork> self(static_cast<DelayedWork*>(&entry));
-            return DueWork{std::move(self->queue), &self->work};
-        };
-    }
+    DelayedWork(DispatchQueue& onto, Work& what)
+        : TimerEntry([](TimerEntry& entry) {
+              const std::unique_ptr<DelayedWork> self(static_cast<DelayedWork*>(&entry));
+              return DueWork{std::move(self->queue), &self->work};
+          }),
+          queue(onto),
+          work(what) {}
 
     Ref<DispatchQueue> queue;
     Work& work;

@@ -4,7 +4,6 @@
 
 #include "MonotonicTime.h"
 #include "TimerStore.h"
-#include "VantorqFoundation/Platform/Trap.h"
 
 namespace vantorq {
 
@@ -14,69 +13,73 @@ std::int64_t saturated(std::uint64_t nanoseconds) noexcept {
     return static_cast<std::int64_t>(std::min(nanoseconds, static_cast<std::uint64_t>(kNever)));
 }
 
+/// From this leeway on, a timer does without the exact time, which takes several times as long to
+/// read, and keeps to the later half of its leeway. The coarse clock lags behind by a tick, and by
+/// as long as the host of a virtual machine holds up the processor that advances it.
+constexpr std::int64_t kLeewayForCoarseTime = kNanosecondsPerSecond;
+
+detail::TimerHandler& handlerIn(std::uintptr_t state) noexcept {
+    return *reinterpret_cast<detail::TimerHandler*>(state);
+}
+
 }  // namespace
 
-DispatchTimer::DispatchTimer(Ref<DispatchQueue> queue) noexcept : queue_(std::move(queue)) {
-    take = &DispatchTimer::takeHandler;
-}
+DispatchTimer::DispatchTimer(Ref<DispatchQueue> queue) noexcept
+    : TimerEntry(&DispatchTimer::fire), queue_(std::move(queue)) {}
 
 DispatchTimer::~DispatchTimer() {
-    cancel();
-}
-
-void DispatchTimer::setHandler(Ref<detail::TimerHandler> handler) {
-    if (isResumed_) {
-        VNTQ_TRAP("DispatchTimer: the handler was set after resume");
+    if (const std::uintptr_t state = state_.load(std::memory_order_acquire); state > kCancelled) {
+        handlerIn(state).release();
     }
-    handler_ = std::move(handler);
 }
 
 void DispatchTimer::schedule(std::uint64_t delay, std::uint64_t leeway) noexcept {
-    const std::int64_t newDue = instantAfter(monotonicNow(), saturated(delay));
-    const std::int64_t newLatest = instantAfter(newDue, saturated(leeway));
-    if (isResumed_) {
-        arm(newDue, newLatest);
-    } else {
-        due = newDue;
-        latest = newLatest;
-    }
-}
-
-void DispatchTimer::resume() {
-    if (handler_ == nullptr) {
-        VNTQ_TRAP("DispatchTimer: resumed without a handler");
-    }
-    if (!std::exchange(isResumed_, true)) {
-        arm(due, latest);
-    }
-}
-
-void DispatchTimer::arm(std::int64_t newDue, std::int64_t newLatest) {
-    if (handler_->isOver()) {
+    if (state_.load(std::memory_order_acquire) != kWaiting) {
         return;
     }
-    TimerStore::monotonic().arm(*this, newDue, newLatest);
+    const std::int64_t span = saturated(leeway);
+    const bool isCoarse = span >= kLeewayForCoarseTime;
+    const std::int64_t earliest =
+        instantAfter(isCoarse ? coarseMonotonicNow() : monotonicNow(), saturated(delay));
+    TimerStore::monotonic().arm(*this, isCoarse ? instantAfter(earliest, span / 2) : earliest,
+                                instantAfter(earliest, span));
     // Set last: a cancellation that comes in between leaves the entry to the destructor.
     mayBeArmed_.store(true, std::memory_order_release);
 }
 
 void DispatchTimer::cancel() noexcept {
-    if (handler_ != nullptr) {
-        handler_->cancel();
+    std::uintptr_t state = kWaiting;
+    if (!state_.compare_exchange_strong(state, kCancelled, std::memory_order_acq_rel) &&
+        state != kCancelled) {
+        handlerIn(state).cancel();
     }
-    if (mayBeArmed_.exchange(false, std::memory_order_acq_rel)) {
+    if (mayBeArmed_.load(std::memory_order_relaxed) &&
+        mayBeArmed_.exchange(false, std::memory_order_acq_rel)) {
         TimerStore::monotonic().disarm(*this);
     }
 }
 
 bool DispatchTimer::isCancelled() const noexcept {
-    return handler_ != nullptr && handler_->isCancelled();
+    const std::uintptr_t state = state_.load(std::memory_order_acquire);
+    return state == kCancelled || (state != kWaiting && handlerIn(state).isCancelled());
 }
 
 /// The work holds the handler, not the timer, which may be on its way out.
-detail::DueWork DispatchTimer::takeHandler(detail::TimerEntry& entry) {
-    const auto& self = static_cast<DispatchTimer&>(entry);
-    return {self.queue_, &makeWork([handler = self.handler_] {
+detail::DueWork DispatchTimer::fire(detail::TimerEntry& entry) {
+    auto& self = static_cast<DispatchTimer&>(entry);
+    if (self.state_.load(std::memory_order_acquire) == kCancelled) {
+        return {};
+    }
+    Ref<detail::TimerHandler> handler = self.makeHandler();
+    handler->retain();
+    std::uintptr_t state = kWaiting;
+    if (!self.state_.compare_exchange_strong(state, reinterpret_cast<std::uintptr_t>(handler.get()),
+                                             std::memory_order_acq_rel)) {
+        // Cancelled just now. What the handler holds must not be let go of under a lock.
+        handler->cancel();
+        handler->release();
+    }
+    return {self.queue_, &makeWork([handler = std::move(handler)] {
                 if (handler->begin()) {
                     handler->call();
                 }

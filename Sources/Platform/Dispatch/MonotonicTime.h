@@ -22,6 +22,11 @@ inline std::int64_t monotonicNow() noexcept {
     return nowOf(CLOCK_MONOTONIC);
 }
 
+/// The same as of the clock's last tick, some milliseconds ago; much faster to read.
+inline std::int64_t coarseMonotonicNow() noexcept {
+    return nowOf(CLOCK_MONOTONIC_COARSE);
+}
+
 /// Counts on while the machine sleeps.
 inline std::int64_t continuousNow() noexcept {
     return nowOf(CLOCK_BOOTTIME);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstdint>
 #include <pthread.h>
 #include <sys/types.h>
 
@@ -12,6 +14,17 @@ namespace vantorq {
 
 /// The number that the system knows the calling thread by.
 [[nodiscard]] pid_t currentThreadId() noexcept;
+
+/// A number that the calling thread keeps; threads get theirs in turn. For spreading threads over
+/// things that each would else contend for.
+[[nodiscard]] inline std::uint32_t threadNumber() noexcept {
+    static constinit std::atomic<std::uint32_t> last{0};
+    [[gnu::tls_model("initial-exec")]] static constinit thread_local std::uint32_t number = 0;
+    if (number == 0) [[unlikely]] {
+        number = last.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    return number;
+}
 
 /// Whether a thread of this process runs or could run, as opposed to one that waits for something.
 /// False also when that cannot be found out.

@@ -61,12 +61,12 @@ struct ThreadPool::Worker {
 
 /// What the timer store calls the pool with.
 struct ThreadPool::Monitor : TimerEntry {
-    explicit Monitor(ThreadPool& watched) : pool(watched) {
-        take = [](TimerEntry& entry) {
-            return DueWork{
-                nullptr, &makeWork([&pool = static_cast<Monitor&>(entry).pool] { pool.watch(); })};
-        };
-    }
+    explicit Monitor(ThreadPool& ofPool)
+        : TimerEntry([](TimerEntry& entry) {
+              ThreadPool& watched = static_cast<Monitor&>(entry).pool;
+              return DueWork{nullptr, &makeWork([&watched] { watched.watch(); })};
+          }),
+          pool(ofPool) {}
 
     void lookAfter(std::int64_t delay) {
         const std::int64_t next = monotonicNow() + delay;

@@ -27,61 +27,72 @@ TimerStore& TimerStore::continuous() {
     return store;
 }
 
+TimerEntry::TimerEntry(Take taker) noexcept
+    : heap(threadNumber() % TimerStore::kHeaps), take(taker) {}
+
 void TimerStore::arm(TimerEntry& entry, std::int64_t due, std::int64_t latest) {
-    bool needsThread = false;
-    bool needsWakeUp = false;
+    TimerHeap& heap = heaps_[entry.heap];
     {
-        const std::lock_guard guard(lock_);
+        const std::lock_guard guard(heap.lock);
         if (entry.index != TimerEntry::kNotArmed) {
-            remove(entry);
+            heap.remove(entry);
         }
         entry.due = due;
         entry.latest = latest;
-        heap_.push_back(&entry);
-        siftUp(entry, heap_.size() - 1);
-        wasUsed_ = true;
-        needsThread = !std::exchange(isThreadRunning_, true);
-        needsWakeUp = latest < sleepsUntil_;
-        if (needsWakeUp) {
-            sleepsUntil_ = latest;
-        }
+        heap.add(entry);
     }
-    if (needsThread) {
-        if (!startThread(
-                "vntq-timer", [](void* self) { static_cast<TimerStore*>(self)->threadMain(); },
-                this)) {
-            VNTQ_TRAP("Timers: the system has no room for a thread");
-        }
-    } else if (needsWakeUp) {
-        alarm_.wake();
-    }
+    noteUse();
+    bringThreadTo(latest);
 }
 
 bool TimerStore::disarm(TimerEntry& entry) noexcept {
-    bool needsWakeUp = false;
+    TimerHeap& heap = heaps_[entry.heap];
+    bool isEmpty;
     {
-        const std::lock_guard guard(lock_);
+        const std::lock_guard guard(heap.lock);
         if (entry.index == TimerEntry::kNotArmed) {
             return false;
         }
-        remove(entry);
-        wasUsed_ = true;
-        // The thread is to end soon after the last timer, not when that would have fired.
-        needsWakeUp = nextWakeUp() == kNever && std::exchange(sleepsForLong_, false);
+        heap.remove(entry);
+        isEmpty = heap.isEmpty();
     }
-    if (needsWakeUp) {
+    noteUse();
+    // The thread is to end soon after the last timer, not when that would have fired.
+    if (isEmpty && sleepsForLong_ && sleepsForLong_.exchange(false)) {
         alarm_.wake();
     }
     return true;
 }
 
+/// Sees to it that the thread does not sleep beyond `instant`.
+void TimerStore::bringThreadTo(std::int64_t instant) {
+    std::int64_t until = sleepsUntil_;
+    while (instant < until) {
+        const bool needsThread = until == kNoThread;
+        if (sleepsUntil_.compare_exchange_weak(until, needsThread ? kAwake : instant)) {
+            needsThread ? startTimerThread() : alarm_.wake();
+            return;
+        }
+    }
+}
+
+void TimerStore::startTimerThread() {
+    if (!startThread(
+            "vntq-timer", [](void* self) { static_cast<TimerStore*>(self)->threadMain(); }, this)) {
+        VNTQ_TRAP("Timers: the system has no room for a thread");
+    }
+}
+
+void TimerStore::noteUse() noexcept {
+    if (!wasUsed_.load(std::memory_order_relaxed)) {
+        wasUsed_.store(true, std::memory_order_relaxed);
+    }
+}
+
 void TimerStore::threadMain() {
     std::vector<DueWork> due;
     while (waitForWork()) {
-        {
-            const std::lock_guard guard(lock_);
-            takeDue(due);
-        }
+        takeDue(due);
         for (DueWork& one : due) {
             if (one.queue != nullptr) {
                 one.queue->enqueue(*one.work);
@@ -98,94 +109,116 @@ bool TimerStore::waitForWork() {
     for (;;) {
         const std::uint32_t wakeUps = alarm_.wakeUps();
         const std::int64_t now = alarm_.now();
-        std::int64_t until;
-        {
-            const std::lock_guard guard(lock_);
-            const std::int64_t next = nextWakeUp();
-            sleepsUntil_ = 0;
-            if (next <= now) {
-                wasUsed_ = true;
-                return true;
-            }
-            const bool isIdle = !std::exchange(wasUsed_, false);
-            if (next == kNever && isIdle) {
-                isThreadRunning_ = false;
+        sleepsForLong_ = true;  // like every state that this one may lead to
+        sleepsUntil_ = kLooking;
+        const std::int64_t next = nextWakeUp();
+        if (next <= now) {
+            sleepsUntil_ = kAwake;
+            noteUse();
+            return true;
+        }
+        // In a time of much arming and disarming it wakes up now and then to see whether that is
+        // over; then it sleeps as long as the timers allow.
+        const bool isIdle = !wasUsed_.exchange(false);
+        const std::int64_t soon = now + kIdleTime;
+        const bool ends = isIdle && next == kNever;
+        const std::int64_t until = isIdle ? next : std::min(next, soon);
+        if (ends || until <= soon) {
+            sleepsForLong_ = false;
+        }
+        std::int64_t state = kLooking;
+        if (sleepsUntil_.compare_exchange_strong(state, ends ? kNoThread : until)) {
+            if (ends) {
                 return false;
             }
-            // In a time of much arming and disarming it wakes up now and then to see whether that
-            // is over; then it sleeps as long as the timers allow.
-            const std::int64_t soon = now + kIdleTime;
-            sleepsForLong_ = isIdle && next > soon;
-            until = sleepsForLong_ ? next : std::min(next, soon);
-            sleepsUntil_ = until;
+            alarm_.sleepUntil(until, wakeUps);
         }
-        alarm_.sleepUntil(until, wakeUps);
     }
 }
 
 /// "Never" without timers, or with none that ever comes.
-std::int64_t TimerStore::nextWakeUp() const noexcept {
-    return heap_.empty() ? kNever : heap_.front()->latest;
+std::int64_t TimerStore::nextWakeUp() noexcept {
+    std::int64_t next = kNever;
+    for (TimerHeap& heap : heaps_) {
+        const std::lock_guard guard(heap.lock);
+        if (!heap.isEmpty()) {
+            next = std::min(next, heap.first().latest);
+        }
+    }
+    return next;
 }
 
 void TimerStore::takeDue(std::vector<DueWork>& out) {
     const std::int64_t now = alarm_.now();
-    while (!heap_.empty() && heap_.front()->due <= now) {
-        TimerEntry& entry = *heap_.front();
-        remove(entry);
-        out.push_back(entry.take(entry));
+    for (TimerHeap& heap : heaps_) {
+        const std::lock_guard guard(heap.lock);
+        while (!heap.isEmpty() && heap.first().due <= now) {
+            TimerEntry& entry = heap.first();
+            const std::int64_t latest = entry.latest;
+            heap.remove(entry);
+            if (DueWork due = entry.take(entry); due.work != nullptr) {
+                due.latest = latest;
+                out.push_back(std::move(due));
+            }
+        }
+    }
+    std::ranges::sort(out, {}, &DueWork::latest);
+}
+
+// The children of the entry at index i are at 2i + 1 and 2i + 2.
+
+void TimerHeap::add(TimerEntry& entry) {
+    entries_.push_back(&entry);
+    siftUp(entry, entries_.size() - 1);
+}
+
+void TimerHeap::remove(TimerEntry& entry) noexcept {
+    const std::size_t index = std::exchange(entry.index, TimerEntry::kNotArmed);
+    TimerEntry& last = *entries_.back();
+    entries_.pop_back();
+    if (&last == &entry) {
+        return;
+    }
+    if (index > 0 && last.latest < entries_[(index - 1) / 2]->latest) {
+        siftUp(last, index);
+    } else {
+        siftDown(last, index);
     }
 }
 
-// The heap: the children of the entry at index i are at 2i + 1 and 2i + 2.
-
-void TimerStore::place(TimerEntry& entry, std::size_t index) noexcept {
-    heap_[index] = &entry;
+void TimerHeap::place(TimerEntry& entry, std::size_t index) noexcept {
+    entries_[index] = &entry;
     entry.index = index;
 }
 
-void TimerStore::siftUp(TimerEntry& entry, std::size_t index) noexcept {
+void TimerHeap::siftUp(TimerEntry& entry, std::size_t index) noexcept {
     while (index > 0) {
         const std::size_t parent = (index - 1) / 2;
-        if (heap_[parent]->latest <= entry.latest) {
+        if (entries_[parent]->latest <= entry.latest) {
             break;
         }
-        place(*heap_[parent], index);
+        place(*entries_[parent], index);
         index = parent;
     }
     place(entry, index);
 }
 
-void TimerStore::siftDown(TimerEntry& entry, std::size_t index) noexcept {
+void TimerHeap::siftDown(TimerEntry& entry, std::size_t index) noexcept {
     for (;;) {
         std::size_t child = 2 * index + 1;
-        if (child >= heap_.size()) {
+        if (child >= entries_.size()) {
             break;
         }
-        if (child + 1 < heap_.size() && heap_[child + 1]->latest < heap_[child]->latest) {
+        if (child + 1 < entries_.size() && entries_[child + 1]->latest < entries_[child]->latest) {
             ++child;
         }
-        if (entry.latest <= heap_[child]->latest) {
+        if (entry.latest <= entries_[child]->latest) {
             break;
         }
-        place(*heap_[child], index);
+        place(*entries_[child], index);
         index = child;
     }
     place(entry, index);
-}
-
-void TimerStore::remove(TimerEntry& entry) noexcept {
-    const std::size_t index = std::exchange(entry.index, TimerEntry::kNotArmed);
-    TimerEntry& last = *heap_.back();
-    heap_.pop_back();
-    if (&last == &entry) {
-        return;
-    }
-    if (index > 0 && last.latest < heap_[(index - 1) / 2]->latest) {
-        siftUp(last, index);
-    } else {
-        siftDown(last, index);
-    }
 }
 
 }  // namespace vantorq

@@ -17,14 +17,22 @@ namespace {
 /// 30,000 years of 365.2425 days: as far as the description goes.
 constexpr NSTimeInterval kDescribedSeconds = 30'000 * 365.2425 * 86'400;
 
+NSTimeInterval nowOf(clockid_t clock) noexcept {
+    timespec time{};
+    clock_gettime(clock, &time);
+    // Seconds of both epochs first, as integers, so that only one rounding happens.
+    const auto whole = time.tv_sec - static_cast<time_t>(NSTimeIntervalSince1970);
+    return static_cast<double>(whole) + static_cast<double>(time.tv_nsec) * 1e-9;
+}
+
 }  // namespace
 
 NSTimeInterval NSDate::now() noexcept {
-    timespec clock{};
-    clock_gettime(CLOCK_REALTIME, &clock);
-    // Seconds of both epochs first, as integers, so that only one rounding happens.
-    const auto whole = clock.tv_sec - static_cast<time_t>(NSTimeIntervalSince1970);
-    return static_cast<double>(whole) + static_cast<double>(clock.tv_nsec) * 1e-9;
+    return nowOf(CLOCK_REALTIME);
+}
+
+NSTimeInterval NSDate::coarseNow() noexcept {
+    return nowOf(CLOCK_REALTIME_COARSE);
 }
 
 NSDate::NSDate() noexcept : seconds_(now()) {}

@@ -105,8 +105,7 @@ std::uint64_t nextRegistrationNumber() noexcept {
 }  // namespace
 
 bool NSObject::hasObservers() const noexcept {
-    return mayHaveAttachment() && attachment() != nullptr &&
-           static_cast<Observation*>(attachment())->observers.load() != nullptr;
+    return hasAttachment() && static_cast<Observation*>(attachment())->observers.load() != nullptr;
 }
 
 void NSObject::addObserver(NSObject& observer, const NSString& key, Options options,
@@ -196,7 +195,7 @@ void NSObject::removeObserver(const NSObject& observer, const void* context) {
 }
 
 void NSObject::willChangeValueForKey(const NSString& key) {
-    if (!mayHaveAttachment() || attachment() == nullptr) {
+    if (!hasAttachment()) {
         return;
     }
     const auto observers = static_cast<Observation*>(attachment())->observers.load();
@@ -229,7 +228,7 @@ void NSObject::willChangeValueForKey(const NSString& key) {
 }
 
 void NSObject::didChangeValueForKey(const NSString& key) {
-    if (!mayHaveAttachment() || attachment() == nullptr) {
+    if (!hasAttachment()) {
         return;
     }
     const Change change = takeChange(this, key);

@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "Sources/Platform/Concurrency/SpinPause.h"
+#include "Sources/Platform/Dispatch/Thread.h"
 
 namespace vantorq {
 
@@ -26,6 +27,7 @@ struct SideRecord {
     void unlock() noexcept { locked.store(false, std::memory_order_release); }
 
     static SideRecord& at(std::uint32_t index) noexcept;
+    /// With two owners, the object and the caller.
     static SideRecord* allocate(const RefCounted* object) noexcept;
     static void free(SideRecord& record) noexcept;
     static void abandon(SideRecord& record) noexcept;
@@ -40,11 +42,10 @@ namespace {
 constexpr std::uint32_t kChunkBits = 12;
 constexpr std::uint32_t kChunkSize = 1U << kChunkBits;
 constexpr std::uint32_t kChunks = 1U << 16;
+static_assert(kChunks * kChunkSize <= 1U << 31, "an index is to fit beside the attachment's flag");
 
 constinit std::atomic<SideRecord*> chunks[kChunks] = {};
 constinit std::atomic<std::uint32_t> nextUnused{1};  // index 0 means "no record"
-// Low half: index of the first free record. High half: a turn count against reuse while popping.
-constinit std::atomic<std::uint64_t> freeRecords{0};
 
 SideRecord* chunk(std::uint32_t number) noexcept {
     SideRecord* records = chunks[number].load(std::memory_order_acquire);
@@ -58,13 +59,45 @@ SideRecord* chunk(std::uint32_t number) noexcept {
     return records;
 }
 
+/// Records that are free, the one that was freed last first.
+class alignas(64) FreeList {
+public:
+    void push(SideRecord& record) noexcept {
+        std::uint64_t head = head_.load(std::memory_order_relaxed);
+        do {
+            record.nextFree.store(static_cast<std::uint32_t>(head), std::memory_order_relaxed);
+        } while (!head_.compare_exchange_weak(head, (head >> 32 << 32) | record.index,
+                                              std::memory_order_release));
+    }
+    /// 0 when there is none.
+    std::uint32_t pop() noexcept {
+        std::uint64_t head = head_.load(std::memory_order_acquire);
+        while (static_cast<std::uint32_t>(head) != 0) {
+            const auto index = static_cast<std::uint32_t>(head);
+            const std::uint64_t next =
+                SideRecord::at(index).nextFree.load(std::memory_order_relaxed) |
+                (((head >> 32) + 1) << 32);
+            if (head_.compare_exchange_weak(head, next, std::memory_order_acquire)) {
+                return index;
+            }
+        }
+        return 0;
+    }
+
+private:
+    // Low half: index of the first record. High half: a turn count against reuse while popping.
+    std::atomic<std::uint64_t> head_{0};
+};
+
+/// A thread keeps to one list, so that threads seldom meet, and takes from the others when its own
+/// has run out.
+constexpr std::uint32_t kFreeLists = 16;
+constinit FreeList freeLists[kFreeLists];
+
 std::uint32_t popFree() noexcept {
-    std::uint64_t head = freeRecords.load(std::memory_order_acquire);
-    while (static_cast<std::uint32_t>(head) != 0) {
-        const auto index = static_cast<std::uint32_t>(head);
-        const std::uint64_t next = SideRecord::at(index).nextFree.load(std::memory_order_relaxed) |
-                                   (((head >> 32) + 1) << 32);
-        if (freeRecords.compare_exchange_weak(head, next, std::memory_order_acquire)) {
+    const std::uint32_t own = threadNumber();
+    for (std::uint32_t i = 0; i < kFreeLists; ++i) {
+        if (const std::uint32_t index = freeLists[(own + i) % kFreeLists].pop(); index != 0) {
             return index;
         }
     }
@@ -89,31 +122,33 @@ SideRecord* SideRecord::allocate(const RefCounted* object) noexcept {
     SideRecord& record = at(index);
     record.index = index;
     record.object = object;
-    record.owners.store(1, std::memory_order_relaxed);
+    record.owners.store(2, std::memory_order_relaxed);
     return &record;
 }
 
 void SideRecord::free(SideRecord& record) noexcept {
-    std::uint64_t head = freeRecords.load(std::memory_order_relaxed);
-    do {
-        record.nextFree.store(static_cast<std::uint32_t>(head), std::memory_order_relaxed);
-    } while (!freeRecords.compare_exchange_weak(head, (head >> 32 << 32) | record.index,
-                                                std::memory_order_release));
+    freeLists[threadNumber() % kFreeLists].push(record);
 }
 
 /// Cuts the record off its object, which is about to be destroyed.
 void SideRecord::abandon(SideRecord& record) noexcept {
+    const auto attached = Ref<RefCounted>::adopt(record.attachment.load(std::memory_order_relaxed));
+    record.attachment.store(nullptr, std::memory_order_relaxed);
+    if (record.owners.load(std::memory_order_acquire) == 1) {
+        free(record);  // no weak handle is left that might look
+        return;
+    }
     record.lock();
     record.object = nullptr;
     record.unlock();
-    const auto attached = Ref<RefCounted>::adopt(record.attachment.exchange(nullptr));
     detail::releaseSide(&record);
 }
 
-SideRecord* RefCounted::side() const noexcept {
+/// The object's record, made when there is none, with a new count for the caller.
+SideRecord* RefCounted::retainedSide() const noexcept {
     std::uint64_t bits = bits_.load(std::memory_order_acquire);
     SideRecord* fresh = nullptr;
-    while ((bits >> kSideShift) == 0) {
+    while (sideIndex(bits) == 0) {
         if (fresh == nullptr) {
             fresh = SideRecord::allocate(this);
         }
@@ -125,31 +160,37 @@ SideRecord* RefCounted::side() const noexcept {
     if (fresh != nullptr) {
         SideRecord::free(*fresh);
     }
-    return &SideRecord::at(static_cast<std::uint32_t>(bits >> kSideShift));
+    SideRecord& record = SideRecord::at(sideIndex(bits));
+    detail::retainSide(&record);
+    return &record;
 }
 
 RefCounted* RefCounted::attachment() const noexcept {
-    const auto index =
-        static_cast<std::uint32_t>(bits_.load(std::memory_order_acquire) >> kSideShift);
-    return index == 0 ? nullptr : SideRecord::at(index).attachment.load(std::memory_order_acquire);
+    const std::uint64_t bits = bits_.load(std::memory_order_acquire);
+    return (bits & kHasAttachment) == 0
+               ? nullptr
+               : SideRecord::at(sideIndex(bits)).attachment.load(std::memory_order_acquire);
 }
 
 RefCounted* RefCounted::setAttachmentOnce(RefCounted* attachment) const noexcept {
+    SideRecord* const record = retainedSide();
     RefCounted* current = nullptr;
-    if (side()->attachment.compare_exchange_strong(current, attachment,
+    if (record->attachment.compare_exchange_strong(current, attachment,
                                                    std::memory_order_acq_rel)) {
         attachment->retain();
-        return attachment;
+        current = attachment;
     }
+    // Also by a thread whose attachment came second, which may look before the first gets here.
+    bits_.fetch_or(kHasAttachment, std::memory_order_acq_rel);
+    detail::releaseSide(record);
     return current;
 }
 
 void RefCounted::dispose() const noexcept {
-    const std::uint64_t sideBits = bits_.load(std::memory_order_relaxed) >> kSideShift
-                                                                                << kSideShift;
+    const std::uint32_t index = sideIndex(bits_.load(std::memory_order_relaxed));
     bits_.store(kDeallocating, std::memory_order_relaxed);
-    if (sideBits != 0) {
-        SideRecord::abandon(SideRecord::at(static_cast<std::uint32_t>(sideBits >> kSideShift)));
+    if (index != 0) {
+        SideRecord::abandon(SideRecord::at(index));
     }
     delete this;
 }
@@ -161,9 +202,7 @@ SideRecord* weakSide(const RefCounted* object) noexcept {
     if (owners >= RefCounted::kDeallocating && !RefCounted::isImmortal(owners)) {
         return nullptr;  // an object that is being destroyed cannot be referred to again
     }
-    SideRecord* side = object->side();
-    retainSide(side);
-    return side;
+    return object->retainedSide();
 }
 
 void retainSide(SideRecord* side) noexcept {

@@ -25,6 +25,9 @@ public:
     [[nodiscard]] static Ref<NSDate> date() { return make<NSDate>(); }
     /// The seconds from the reference date to now, without making a date.
     [[nodiscard]] static NSTimeInterval now() noexcept;
+    /// What `now()` was at the last tick of the system's clock, as a rule less than 10 milliseconds
+    /// ago; several times faster to read.
+    [[nodiscard]] static NSTimeInterval coarseNow() noexcept;
     [[nodiscard]] static Ref<NSDate> dateWithTimeIntervalSinceNow(NSTimeInterval seconds);
     [[nodiscard]] static Ref<NSDate> dateWithTimeIntervalSinceReferenceDate(NSTimeInterval seconds);
     [[nodiscard]] static Ref<NSDate> dateWithTimeIntervalSince1970(NSTimeInterval seconds);

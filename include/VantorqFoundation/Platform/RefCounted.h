@@ -132,9 +132,9 @@ protected:
     [[nodiscard]] RefCounted* attachment() const noexcept;
     /// Sets the attachment if there is none yet, and returns the one that is set now.
     RefCounted* setAttachmentOnce(RefCounted* attachment) const noexcept;
-    /// False only when the object certainly has no attachment: one load, for hot paths.
-    [[nodiscard]] bool mayHaveAttachment() const noexcept {
-        return (bits_.load(std::memory_order_acquire) >> kSideShift) != 0;
+    /// Whether an attachment is set: one load, for hot paths.
+    [[nodiscard]] bool hasAttachment() const noexcept {
+        return (bits_.load(std::memory_order_acquire) & kHasAttachment) != 0;
     }
 
 private:
@@ -148,15 +148,20 @@ private:
     static constexpr std::uint32_t kDeallocating = 1U << 30;
     static constexpr std::uint32_t kImmortal = 1U << 31;
     static constexpr int kSideShift = 32;
+    static constexpr std::uint64_t kHasAttachment = std::uint64_t{1} << 63;
 
+    static constexpr std::uint32_t sideIndex(std::uint64_t bits) noexcept {
+        return static_cast<std::uint32_t>((bits & ~kHasAttachment) >> kSideShift);
+    }
     static constexpr bool isImmortal(std::uint64_t bits) noexcept {
         return (bits & kImmortal) != 0;
     }
 
     void dispose() const noexcept;
-    detail::SideRecord* side() const noexcept;
+    detail::SideRecord* retainedSide() const noexcept;
 
-    // Low half: owners. High half: index of the side record (weak handles, attachment), 0 = none.
+    // Low half: owners. High half: whether there is an attachment, and the index of the side record
+    // (weak handles, attachment), 0 = none.
     mutable std::atomic<std::uint64_t> bits_{1};
 };
 
