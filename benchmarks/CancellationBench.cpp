@@ -8,7 +8,7 @@
 
 #include <VantorqFoundation/VantorqFoundation.h>
 
-#include "AllocationCount.h"
+#include "Support/AllocationCount.h"
 
 namespace {
 

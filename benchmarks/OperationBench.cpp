@@ -14,8 +14,8 @@
 
 #include <VantorqFoundation/VantorqFoundation.h>
 
-#include "AllocationCount.h"
 #include "Countdown.h"
+#include "Support/AllocationCount.h"
 
 namespace {
 

@@ -18,7 +18,7 @@
 
 #include <VantorqFoundation/VantorqFoundation.h>
 
-#include "AllocationCount.h"
+#include "Support/AllocationCount.h"
 
 namespace {
 

@@ -14,8 +14,6 @@ constexpr ConstantString kErrorDomain{"com.vantorq.client"};
 constexpr ConstantString kFoundationErrorDomain{"com.vantorq.foundation.VNTQFoundationError"};
 constexpr ConstantString kSoftHyphenationErrorDomain{"VNTQNSStringSoftHyphenationErrorDomain"};
 
-constexpr std::uint64_t kTimeoutErrorCode = 1;
-
 Ref<NSError> errorWithReason(std::int64_t code, NSString& reason) {
     return vntq_error(code, NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}}));
 }
@@ -41,7 +39,8 @@ Ref<NSError> detail::timeoutError(double seconds) {
     const auto reason =
         NSString::stringWithFormat("Timeout waiting %1.1f seconds for completion"_ns, seconds);
     return vntq_foundationErrorWithCode(
-        kTimeoutErrorCode, NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}}));
+        VNTQFoundationErrorTimeout,
+        NSDictionary::dictionary({{NSLocalizedFailureReasonErrorKey, reason}}));
 }
 
 Ref<NSError> vntq_error(std::int64_t code, const Ref<NSDictionary>& userInfo) {

@@ -53,7 +53,7 @@ void VNTQOperation::start() {
         finished_ = true;
         didChangeValueForKey(operation_keys::isFinished);
         lock.unlock();
-        didFinishWithResult(result_.load());
+        didFinishWithResult(resultToDeliver());
         return;
     }
     lock.unlock();
@@ -267,6 +267,11 @@ void VNTQOperation::completeWithTimeout() {
 
 // Delivering.
 
+/// Of an operation that is over. An observer may have completed it while it was being cancelled.
+Ref<VNTQResult> VNTQOperation::resultToDeliver() const {
+    return isCancelled() ? nullptr : result_.load();
+}
+
 Ref<DispatchQueue> VNTQOperation::callbackQueue() const {
     auto queue = resultQueue_.load();
     if (queue != nullptr || explicitResultDispatch_) {
@@ -301,7 +306,7 @@ Ref<VNTQOperation> VNTQOperation::onResult(ResultCallback callback) {
     if (waits && CallbackList::append(callbacks_, callback.object())) {
         return self;
     }
-    const auto result = result_.load();  // nil when cancelled
+    const auto result = resultToDeliver();
     if (const auto queue = callbackQueue()) {
         queue->async([callback = std::move(callback), result] { callback(result.get()); });
     } else {

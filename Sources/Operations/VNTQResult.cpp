@@ -21,8 +21,9 @@ Ref<VNTQResult> VNTQResult::success() {
 
 Ref<VNTQResult> VNTQResult::failure() {
     static VNTQResult& shared = immortal(resultWithFailure(vntq_foundationErrorWithCode(
-        0, NSDictionary::dictionary(
-               {{NSLocalizedDescriptionKey, "Operation could not be completed."_ns}}))));
+        VNTQFoundationErrorFailure,
+        NSDictionary::dictionary(
+            {{NSLocalizedDescriptionKey, "Operation could not be completed."_ns}}))));
     return shared;
 }
 

@@ -20,11 +20,9 @@ namespace {
 
 using Outcome = MeasuredPackage::Outcome;
 
-constexpr NSInteger kTimeoutErrorCode = 1;  // in the library's domain
-
 bool isTimeout(const NSObject& object) {
     const auto* error = objectCast<NSError>(&object);
-    return error != nullptr && error->code() == kTimeoutErrorCode &&
+    return error != nullptr && error->code() == VNTQFoundationErrorTimeout &&
            error->domain()->isEqualToString(&VNTQFoundationErrorDomain);
 }
 

@@ -1,9 +1,9 @@
 #pragma once
 
 #include <concepts>
-#include <coroutine>
 #include <cstdint>
 #include <exception>
+#include <expected>
 #include <mutex>
 #include <optional>
 #include <type_traits>
@@ -43,16 +43,18 @@ namespace vantorq {
 ///
 /// Consumers do not disturb each other. Cancelling a consumer's task ends that consumer's sequence,
 /// without an error, once the element that it waits for is there; the reading of the source goes on
-/// for the others. At most one reading is under way at a time. It is a task of its own, which
-/// nobody cancels, and it outlives the broadcast.
+/// for the others. At most one reading is under way at a time. The consumer that begins one calls
+/// the source's `next`, on its thread and its actor; what that returns is awaited by a task of its
+/// own, on no actor, which nobody cancels and which outlives the broadcast.
 ///
 /// A broadcast lives as long as somebody holds it or one of its iterators. Of the source it keeps
 /// the iterator alone, which must not refer to the sequence itself. Elements are copied to each
 /// consumer. Reading an element that is kept neither suspends nor allocates. A `bufferingNewest`
-/// buffer copies its elements, and every buffer stores and drops them, while it is locked: what the
-/// elements do then must not lead back to the broadcast. An element whose copy throws as it is
-/// stored fails the source with that error; when the copy to a consumer throws, that call does, and
-/// the element may be asked for again. Moving elements must not throw.
+/// buffer copies its elements to consumers while it is locked: a copy constructor must not lead
+/// back to the broadcast. No other code of the elements, and none of the source, runs with the
+/// lock. An element whose copy throws as it is stored fails the source with that error; when the
+/// copy to a consumer throws, that call does, and the element may be asked for again while it is
+/// kept. Moving elements must not throw.
 ///
 /// Threads: any. An iterator belongs to one consumer. The source is read by one thread at a time.
 template <AsyncSequence Base>
@@ -103,6 +105,15 @@ private:
     struct Answer {
         MaybeElement element;
         std::exception_ptr error;
+        MaybeElement copy;  // for the buffer
+
+        void makeCopy() noexcept {
+            try {
+                copy = element;
+            } catch (...) {
+                *this = Answer{std::nullopt, std::current_exception(), std::nullopt};
+            }
+        }
     };
 
     /// Whether the source's `next` gives what can tell that it is ready.
@@ -125,7 +136,7 @@ private:
         }
         return queryIteratorTask_;
     }
-    void receive(Answer& answer) noexcept;
+    Ref<Pull> receive(Answer& answer) noexcept;
 
     UnfairLock lock_;
     // Guarded by the lock, which nobody holds while waiting, and which no code of the source runs
@@ -145,9 +156,8 @@ class AsyncBroadcast<Base>::Pull final : public detail::TaskOf<MaybeElement> {
 public:
     Pull() : detail::TaskOf<MaybeElement>(detail::currentHome()) {}
 
-    /// Gives the reading its coroutine; `pending` when the source has been asked already.
-    void setBody(Ref<Source> source, std::optional<Async<MaybeElement>> pending,
-                 Weak<AsyncBroadcast> broadcast) {
+    /// Gives the reading its coroutine, which awaits what the source has given.
+    void setBody(Ref<Source> source, Async<MaybeElement> pending, Weak<AsyncBroadcast> broadcast) {
         body_.emplace(read(std::move(source), std::move(pending), std::move(broadcast)));
         this->adopt(*body_);
     }
@@ -165,19 +175,6 @@ public:
         this->finish();
     }
 
-    /// Awaited, waits for the reading's end.
-    struct End {
-        [[nodiscard]] bool await_ready() const noexcept { return pull.isDone(); }
-        bool await_suspend(std::coroutine_handle<> awaiter) noexcept {
-            detail::noteSuspension(job, awaiter);
-            return pull.addWaiter(job);
-        }
-        void await_resume() const noexcept {}
-
-        Pull& pull;
-        detail::Job job;
-    };
-
 protected:
     void collect() noexcept override {
         this->collectFrom(*body_);
@@ -187,21 +184,15 @@ protected:
 private:
     ~Pull() override = default;
 
-    static Async<MaybeElement> read(Ref<Source> source, std::optional<Async<MaybeElement>> pending,
+    static Async<MaybeElement> read(Ref<Source>, Async<MaybeElement> pending,
                                     Weak<AsyncBroadcast> weakBroadcast) {
         Answer answer;
         try {
-            if (pending.has_value()) {
-                answer.element = co_await *std::move(pending);
-            } else {
-                auto asked = source->iterator.next();
-                answer.element = co_await std::move(asked);
-            }
+            answer.element = co_await std::move(pending);
         } catch (...) {
             answer.error = std::current_exception();
         }
         if (const Ref<AsyncBroadcast> broadcast = weakBroadcast.load()) {
-            const std::lock_guard guard(broadcast->lock_);
             broadcast->receive(answer);
         }
         if (answer.error != nullptr) {
@@ -280,23 +271,35 @@ private:
 
     /// Reads the source, in place if it has the element ready.
     Async<MaybeElement> pull(Index index, Ref<Source> source) {
-        std::optional<Async<MaybeElement>> pending;
         if constexpr (kMayBeReady) {
-            Answer answer;
-            try {
-                const detail::CancellationShield scope;
-                pending.emplace(source->iterator.next());
-                if (pending->isReady()) {
-                    answer.element = pending->takeReady();
-                    pending.reset();
-                }
-            } catch (...) {
-                answer.error = std::current_exception();
+            Result<Async<MaybeElement>> asked = askHere(*source);
+            if (!asked.has_value()) {
+                return receive(index, {std::nullopt, std::move(asked).error(), std::nullopt});
             }
-            if (!pending.has_value()) {
-                return receive(index, std::move(answer));
+            if (asked->isReady()) {
+                return receive(index, {asked->takeReady(), nullptr, std::nullopt});
             }
+            return pullInTask(index, std::move(source), *std::move(asked));
+        } else {
+            auto pending = ask(source);
+            return pullInTask(index, std::move(source), std::move(pending));
         }
+    }
+
+    static Result<Async<MaybeElement>> askHere(Source& source) {
+        const detail::CancellationShield scope;
+        try {
+            return source.iterator.next();
+        } catch (...) {
+            return std::unexpected(std::current_exception());
+        }
+    }
+    static Async<MaybeElement> ask(Ref<Source> source) {
+        auto asked = source->iterator.next();
+        co_return co_await std::move(asked);
+    }
+
+    Async<MaybeElement> pullInTask(Index index, Ref<Source> source, Async<MaybeElement> pending) {
         Ref<Pull> pull;
         {
             const std::lock_guard guard(source_->lock_);
@@ -310,12 +313,7 @@ private:
 
     /// Hands an answer that was there at once to the broadcast and those who have come to wait.
     Async<MaybeElement> receive(Index index, Answer answer) {
-        Ref<Pull> waitedFor;
-        {
-            const std::lock_guard guard(source_->lock_);
-            waitedFor = source_->queryIteratorTask_;
-            source_->receive(answer);
-        }
+        const Ref<Pull> waitedFor = source_->receive(answer);
         if (waitedFor != nullptr) {
             waitedFor->finishWith(answer);
         }
@@ -326,14 +324,14 @@ private:
     }
 
     Async<MaybeElement> wait(Index index, Ref<Pull> pull) {
-        typename Pull::End end{*pull, {}};
+        detail::TaskEnd end{*pull};
         co_await end;
-        currentIndex_ = index;
         if (isOver()) {
             co_return std::nullopt;
         }
         pull->outcome.rethrow();
-        co_return accept(index, *pull->outcome.value());
+        MaybeElement element = *pull->outcome.value();
+        co_return accept(index, std::move(element));
     }
 
     Async<MaybeElement> failed(Index index, std::exception_ptr error) {
@@ -361,14 +359,17 @@ private:
     std::optional<Index> currentIndex_;
 };
 
-/// Takes in what the source has given. With the lock.
+/// Takes in what the source has given. Gives the task of those who wait for it, if there are any.
 template <AsyncSequence Base>
-void AsyncBroadcast<Base>::receive(Answer& answer) noexcept {
-    if (answer.element.has_value()) {
+auto AsyncBroadcast<Base>::receive(Answer& answer) noexcept -> Ref<Pull> {
+    answer.makeCopy();
+    MaybeElement dropped;  // goes after the lock
+    const std::lock_guard guard(lock_);
+    if (answer.copy.has_value()) {
         try {
-            buffer_.append(*answer.element);
+            dropped = buffer_.append(*std::move(answer.copy));
         } catch (...) {
-            answer = Answer{std::nullopt, std::current_exception()};
+            answer = Answer{std::nullopt, std::current_exception(), std::nullopt};
         }
     }
     if (answer.error != nullptr) {
@@ -377,7 +378,7 @@ void AsyncBroadcast<Base>::receive(Answer& answer) noexcept {
         iterator_.template emplace<Exhausted>();
     }
     isPulling_ = false;
-    queryIteratorTask_ = nullptr;
+    return std::exchange(queryIteratorTask_, nullptr);
 }
 
 /// Shares `source` among any number of consumers; see `AsyncBroadcast`. Makes an iterator of it,

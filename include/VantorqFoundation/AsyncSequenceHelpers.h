@@ -154,8 +154,12 @@ struct ObservedStream {
 /// bound, what it is not asked for. When `iterableStream` is given up before its end, `observer`
 /// does not end; but a consumer that is cancelled while it waits cancels the waiting for `stream`,
 /// and where that ends it, `observer` ends as well.
-template <std::copy_constructible Element>
+template <class Element>
 [[nodiscard]] ObservedStream<Element> makeObserver(const AsyncStream<Element>& stream) {
+    static_assert(
+        std::copy_constructible<Element>,
+        "makeObserver gives each element to two streams, so it has to be copyable; wrap a "
+        "move-only element in a Ref");
     auto made = AsyncStream<Element>::makeStream();
     auto iterableStream = AsyncStream<Element>::unfolding(
         [iterator = detail::shareIterator(stream), continuation = std::move(made.continuation)] {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -8,6 +9,7 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <utility>
 #include <variant>
 
@@ -58,12 +60,15 @@ public:
         return at(index);
     }
 
+    /// Makes room for so many elements in all.
+    void reserve(std::uint64_t count) {
+        for (std::size_t number = 0; count > 0 && number <= chunkOf(count - 1); ++number) {
+            makeRoom(number);
+        }
+    }
     void append(Element element) {
         const std::uint64_t index = size_.load(std::memory_order_relaxed);
-        const std::size_t number = chunkOf(index);
-        if (chunks_[number] == nullptr) {
-            chunks_[number] = std::allocator<Element>().allocate(capacity(number));
-        }
+        makeRoom(chunkOf(index));
         std::construct_at(std::addressof(at(index)), std::move(element));
         size_.store(index + 1, std::memory_order_release);
     }
@@ -72,6 +77,11 @@ private:
     static constexpr int kFirstBits = 6;
     static constexpr std::size_t kChunks = 48;
 
+    void makeRoom(std::size_t number) {
+        if (chunks_[number] == nullptr) {
+            chunks_[number] = std::allocator<Element>().allocate(capacity(number));
+        }
+    }
     static constexpr std::size_t chunkOf(std::uint64_t index) noexcept {
         return static_cast<std::size_t>(std::bit_width((index >> kFirstBits) + 1) - 1);
     }
@@ -114,17 +124,19 @@ public:
         return index < startIndex_ ? startIndex_ : checkedIndex(index, 1);
     }
 
-    void append(Element element) {
+    /// Gives back the element that is let go of.
+    std::optional<Element> append(Element element) {
         const std::int64_t index = endIndex();
         if (size_ < maxSize_) {
             slots_.push_back(std::move(element));
             ++size_;
-            return;
-        }
-        if (size_ > 0) {
-            slots_[slot(index)] = std::move(element);
+            return std::nullopt;
         }
         startIndex_ = checkedIndex(startIndex_, 1);
+        if (size_ > 0) {
+            std::swap(slots_[slot(index)], element);
+        }
+        return element;
     }
 
 private:
@@ -185,16 +197,20 @@ public:
         return newest != nullptr ? newest->indexAfter(index) : checkedIndex(index, 1);
     }
 
-    void append(Element element) {
+    /// Gives back what is not kept: the element itself, or the one that makes room for it.
+    std::optional<Element> append(Element element) {
         if (auto* newest = std::get_if<Newest>(&kept_)) {
-            newest->append(std::move(element));
-        } else if (auto* oldest = std::get_if<Oldest>(&kept_)) {
-            if (static_cast<std::int64_t>(oldest->list.size()) < oldest->maxSize) {
-                oldest->list.append(std::move(element));
-            }
-        } else {
-            std::get_if<Unbounded>(&kept_)->append(std::move(element));
+            return newest->append(std::move(element));
         }
+        if (auto* oldest = std::get_if<Oldest>(&kept_)) {
+            if (static_cast<std::int64_t>(oldest->list.size()) >= oldest->maxSize) {
+                return element;
+            }
+            oldest->list.append(std::move(element));
+        } else {
+            std::get<Unbounded>(kept_).append(std::move(element));
+        }
+        return std::nullopt;
     }
 
     /// The list behind a buffer that lets go of nothing, else null. Any thread may read it.
@@ -209,7 +225,13 @@ public:
 private:
     using Unbounded = AppendOnlyList<Element>;
     struct Oldest {
-        explicit Oldest(std::int64_t limit) noexcept : maxSize(limit) {}
+        // A limit may be a way to say "all": beyond this the memory comes as it is needed.
+        static constexpr std::int64_t kMostReserved = 1024;
+
+        explicit Oldest(std::int64_t limit) : maxSize(limit) {
+            list.reserve(
+                static_cast<std::uint64_t>(std::clamp(limit, std::int64_t{0}, kMostReserved)));
+        }
         AppendOnlyList<Element> list;
         std::int64_t maxSize;
     };

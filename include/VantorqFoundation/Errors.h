@@ -23,9 +23,12 @@ namespace vantorq {
 
 /// The host application's domain. Codes 1, 5 and 6 are not used, and are not to be.
 VNTQ_EXPORT extern NSString& VNTQErrorDomain;
-/// The domain of errors that the library itself raises: 0 for a failure without a cause of its own,
-/// 1 for a time-out.
+/// The domain of errors that the library itself raises, with the codes that follow.
 VNTQ_EXPORT extern NSString& VNTQFoundationErrorDomain;
+/// A failure without a cause of its own: "Operation could not be completed."
+inline constexpr NSInteger VNTQFoundationErrorFailure = 0;
+/// A time-out: "Timeout waiting 2.5 seconds for completion".
+inline constexpr NSInteger VNTQFoundationErrorTimeout = 1;
 /// The domain of the error that text in a locale without hyphenation gives. Its value is its name.
 VNTQ_EXPORT extern NSString& VNTQNSStringSoftHyphenationErrorDomain;
 
@@ -81,7 +84,7 @@ template <class... Args>
 [[nodiscard]] VNTQ_EXPORT Ref<NSString> vntq_debugRecoverySuggestion(const NSError& error);
 
 namespace detail {
-/// Code 1 of the library's domain: "Timeout waiting 2.5 seconds for completion".
+/// Of the library's domain, with the time that was waited.
 [[nodiscard]] VNTQ_EXPORT Ref<NSError> timeoutError(double seconds);
 }  // namespace detail
 

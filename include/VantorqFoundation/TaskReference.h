@@ -55,8 +55,8 @@ template <class Success, class Failure>
 [[nodiscard]] Ref<TaskReference<Success, Failure>> reference(Task<Success, Failure> task) {
     const auto made = make<TaskReference<Success, Failure>>(std::move(task));
     Task<>::start([made]() -> Async<> {
-        auto result = made->result();
-        co_await result;
+        detail::TaskEnd end{*made->task().state()};
+        co_await end;
     });
     return made;
 }

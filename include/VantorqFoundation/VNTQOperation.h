@@ -44,7 +44,8 @@ namespace vantorq {
 /// Threads: any thread may call any member. State changes are serialised by a recursive lock, and
 /// "isExecuting", "isFinished", "isReady" and "isCancelled" are announced while it is held, so an
 /// observer may call back into the operation on its own thread, and must not wait for another.
-/// Callbacks run after the lock is released. Times are wall-clock dates.
+/// Callbacks run after the lock is released; only those of an end that an observer brings about
+/// in place run while the change that it was told of still holds it. Times are wall-clock dates.
 class VNTQ_EXPORT VNTQOperation : public NSOperation {
     VNTQ_OBJECT(VNTQOperation, NSOperation)
 public:
@@ -147,6 +148,7 @@ private:
     [[nodiscard]] bool hasStarted() const noexcept { return !std::isnan(startDate_.load()); }
     [[nodiscard]] bool isOver() const { return finished_ || isCancelled(); }
     [[nodiscard]] Ref<DispatchQueue> callbackQueue() const;
+    [[nodiscard]] Ref<VNTQResult> resultToDeliver() const;
     [[nodiscard]] bool isStillExecuting() const;
     [[nodiscard]] bool hasTimeLeft() const;
     void moveDeadline(double startDate);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -51,6 +52,15 @@ protected:
         return shared;
     }
 
+    /// Calls `next` in a task, which does not await what that gives.
+    void ask(Iterator& iterator) {
+        const auto asking = [&iterator]() -> Async<> {
+            (void)iterator.next();
+            co_return;
+        };
+        (void)Task<>::start(asking, {.executor = executor_});
+        executor_->runAll();
+    }
     Call call(Iterator& iterator) {
         return {Task<std::string>::start([this, &iterator] { return wordFrom(iterator); },
                                          {.executor = executor_})};
@@ -241,6 +251,17 @@ TEST_F(AsyncBroadcastTest, NothingIsReadBeforeAConsumerAsks) {
     EXPECT_EQ(census_.sourceIterators, 1) << "it is made once, with the broadcast";
 }
 
+TEST_F(AsyncBroadcastTest, TheReadingBeginsOnTheThreadOfWhoAsksNotInItsExecutor) {
+    const auto shared = share({.count = 1, .manner = Manner::atGate}, kUnbounded);
+    auto a = shared->makeAsyncIterator();
+    const Call made = call(a);
+    EXPECT_TRUE(executor_->runOne());
+    EXPECT_TRUE(isReading());
+    EXPECT_EQ(executor_->pendingCount(), 0U);
+    openGate();
+    EXPECT_EQ(made.text(), "0");
+}
+
 TEST_F(AsyncBroadcastTest, AnElementIsReadOnlyWhenItIsAskedFor) {
     const auto shared = share({.count = 3}, kUnbounded);
     auto a = shared->makeAsyncIterator();
@@ -388,11 +409,7 @@ TEST_F(AsyncBroadcastTest, AnElementThatIsNotThereIsWaitedFor) {
 TEST_P(AsyncBroadcastOfAnySource, ACallThatIsNotAwaitedDoesNotDelayTheOthers) {
     const auto shared = shareItems(2);
     auto a = shared->makeAsyncIterator();
-    const auto ask = [&]() -> Async<> {
-        (void)a.next();
-        co_return;
-    };
-    (void)Task<>::start(ask, {.executor = executor_});
+    ask(a);
     runReadings();
     auto b = shared->makeAsyncIterator();
     EXPECT_EQ(read(b, 3), "0 1 end");
@@ -428,23 +445,26 @@ TEST_F(AsyncBroadcastTest, AnIteratorThatHasEndedSaysSoWithoutSuspending) {
 }
 
 TEST_F(AsyncBroadcastTest, AMillionElementsDoNotDeepenTheStack) {
-    constexpr int kCount = 1'000'000;
-    const auto shared = share({.count = kCount}, BufferingPolicy::bufferingNewest(1));
-    const auto readAll = [&]() -> Async<int> {
-        auto iterator = shared->makeAsyncIterator();
-        int count = 0;
-        for (;;) {
-            auto pending = iterator.next();
-            const auto item = co_await std::move(pending);
-            if (!item.has_value() || item->value != count) {
-                co_return count;
+    for (const Manner manner : {Manner::atOnce, Manner::yielding}) {
+        constexpr int kCount = 1'000'000;
+        const auto shared =
+            share({.count = kCount, .manner = manner}, BufferingPolicy::bufferingNewest(1));
+        const auto readAll = [&]() -> Async<int> {
+            auto iterator = shared->makeAsyncIterator();
+            int count = 0;
+            for (;;) {
+                auto pending = iterator.next();
+                const auto item = co_await std::move(pending);
+                if (!item.has_value() || item->value != count) {
+                    co_return count;
+                }
+                ++count;
             }
-            ++count;
-        }
-    };
-    const auto task = Task<int>::start(readAll, {.executor = executor_});
-    executor_->runAll();
-    EXPECT_EQ(task.outcome().value(), kCount);
+        };
+        const auto task = Task<int>::start(readAll, {.executor = executor_});
+        executor_->runAll();
+        EXPECT_EQ(task.outcome().value(), kCount);
+    }
 }
 
 // What the policies keep.
@@ -580,6 +600,7 @@ TEST_F(AsyncBroadcastTest, ACancelledConsumerThatWaitsEndsAndTheOthersReceiveThe
     callA.task.cancel();
     executor_->runAll();
     EXPECT_TRUE(isReading()) << "the reading goes on";
+    EXPECT_EQ(callA.text(), "waiting") << "for the reading, as the others do";
     openGate();
     EXPECT_EQ(callA.text(), "end");
     EXPECT_EQ(callB.text(), "0");
@@ -594,6 +615,8 @@ TEST_F(AsyncBroadcastTest, AReadingThatOnlyACancelledConsumerWaitsForIsKeptForTh
     auto a = shared->makeAsyncIterator();
     const Call made = callAndRun(a);
     made.task.cancel();
+    executor_->runAll();
+    EXPECT_EQ(made.text(), "waiting");
     openGate();
     EXPECT_EQ(made.text(), "end");
     EXPECT_FALSE(source_->wasCancelled);
@@ -714,22 +737,27 @@ TEST_F(AsyncBroadcastTest, AReadingOwnsTheSourceButNotTheBroadcast) {
 }
 
 TEST_F(AsyncBroadcastTest, AReadingOutlivesTheBroadcast) {
-    auto ended = share({}, kUnbounded)->makeAsyncIterator();
-    EXPECT_EQ(next(ended), "end");
-    auto shared = share({.count = 1, .manner = Manner::atGate}, kUnbounded);
-    const Weak<Shared> weak(shared);
-    auto iterator = shared->makeAsyncIterator();
-    const Call made = callAndRun(iterator);
-
-    shared.reset();
-    iterator = ended;  // the one who waits was the last owner
-    EXPECT_EQ(weak.load().get(), nullptr);
-    EXPECT_EQ(census_.sourceIterators, 1) << "the reading has it";
-    EXPECT_EQ(made.text(), "waiting");
-    openGate();
-    EXPECT_FALSE(source_->wasCancelled);
-    EXPECT_EQ(source_->returned, 1);
-    EXPECT_EQ(made.text(), "end");
+    for (const Source::Plan plan : {Source::Plan{.count = 1, .manner = Manner::atGate},
+                                    Source::Plan{.manner = Manner::atGate},
+                                    Source::Plan{.fails = true, .manner = Manner::atGate}}) {
+        auto shared = share(plan, kUnbounded);
+        const Weak<Shared> weak(shared);
+        {
+            auto iterator = shared->makeAsyncIterator();
+            shared.reset();
+            ask(iterator);
+            EXPECT_EQ(weak.load()->ownerCount(), 2U) << "the iterator, and the handle just loaded";
+        }
+        EXPECT_EQ(weak.load().get(), nullptr);
+        ASSERT_TRUE(isReading());
+        EXPECT_EQ(census_.sourceIterators, 1) << "the reading has it";
+        openGate();
+        EXPECT_FALSE(source_->wasCancelled);
+        EXPECT_EQ(source_->returned, plan.count);
+        EXPECT_EQ(readings(), 1);
+        EXPECT_TRUE(census_.isEmpty());
+        EXPECT_EQ(executor_->ownerCount(), 1U);
+    }
 }
 
 TEST_F(AsyncBroadcastTest, ABroadcastThatNobodyReadsIsDestroyedWithItsSource) {
@@ -888,6 +916,23 @@ TEST(AsyncBroadcastElements, MayComeFromAnyAwaitable) {
     }
 }
 
+TEST(AsyncBroadcastElements, AMillionFromAnyAwaitableDoNotDeepenTheStack) {
+    constexpr int kCount = 1'000'000;
+    const auto shared = broadcast(Countdown{kCount}, BufferingPolicy::bufferingNewest(1));
+    const auto readAll = [&]() -> Async<int> {
+        auto iterator = shared->makeAsyncIterator();
+        int count = 0;
+        try {
+            while (const auto left = co_await iterator.next()) {
+                count += *left == kCount - count ? 1 : 0;
+            }
+        } catch (const test::SourceError&) {
+        }
+        co_return count;
+    };
+    EXPECT_EQ(syncWait(readAll()), kCount);
+}
+
 TEST(AsyncBroadcastElements, MayBeEmptyOptionalsWhichAreNotTheEnd) {
     using Maybe = std::optional<int>;
     EXPECT_EQ(replayed<Maybe>({1, std::nullopt, 2}, kUnbounded),
@@ -988,13 +1033,12 @@ TEST(AsyncBroadcastElements, MayComeFromAnotherBroadcast) {
     }
 }
 
-/// Says, for each element, what the task that reads it looks like from within the source.
-struct LookingSource {
+/// Starts a task for each element.
+struct StartingSource {
     struct AsyncIterator {
-        Async<std::optional<bool>> next() {
-            const bool isUndisturbed = !thisTask::isCancelled();
+        Async<std::optional<int>> next() {
             started->push_back(Task<>::start([]() -> Async<> { co_return; }));
-            return Async<std::optional<bool>>::ready(isUndisturbed);
+            return Async<std::optional<int>>::ready(static_cast<int>(started->size()));
         }
         std::vector<Task<>>* started;
     };
@@ -1004,21 +1048,47 @@ struct LookingSource {
 
 TEST(AsyncBroadcastSource, StartsTasksOnTheExecutorOfItsConsumer) {
     std::vector<Task<>> started;
-    const auto shared = broadcast(LookingSource{&started}, kUnbounded);
+    const auto shared = broadcast(StartingSource{&started}, kUnbounded);
     const auto executor = make<testing::ManualExecutor>();
-    const auto reading = Task<bool>::start(
-        [shared]() -> Async<bool> {
+    const auto reading = Task<int>::start(
+        [shared]() -> Async<int> {
             auto iterator = shared->makeAsyncIterator();
             const auto element = co_await iterator.next();
             co_return element.value();
         },
         {.executor = executor});
     EXPECT_TRUE(executor->runOne());
-    EXPECT_TRUE(reading.isDone());
+    EXPECT_EQ(reading.outcome().value(), 1);
     ASSERT_EQ(started.size(), 1U);
     EXPECT_EQ(executor->pendingCount(), 1U);
     executor->runAll();
     EXPECT_TRUE(started[0].isDone());
+}
+
+/// Each element is the thread that awaits it, in an awaitable of its own type.
+struct ThreadSource {
+    struct AsyncIterator {
+        struct Awaitable {
+            [[nodiscard]] bool await_ready() const noexcept { return false; }
+            bool await_suspend(std::coroutine_handle<>) noexcept {
+                thread = std::this_thread::get_id();
+                return false;
+            }
+            [[nodiscard]] std::optional<std::thread::id> await_resume() const noexcept {
+                return thread;
+            }
+
+            std::thread::id thread{};
+        };
+        Awaitable next() noexcept { return {}; }
+    };
+    [[nodiscard]] AsyncIterator makeAsyncIterator() const noexcept { return {}; }
+};
+
+TEST(AsyncBroadcastSource, AnyAwaitableIsAwaitedOnTheThreadOfTheConsumer) {
+    const auto shared = broadcast(ThreadSource(), kUnbounded);
+    auto iterator = shared->makeAsyncIterator();
+    EXPECT_EQ(syncWait(iterator.next()), std::this_thread::get_id());
 }
 
 }  // namespace

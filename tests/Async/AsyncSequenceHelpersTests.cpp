@@ -9,6 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "Support/Streams.h"
+#include "Support/Tasks.h"
+#include "VantorqFoundation/AsyncBroadcast.h"
 #include "VantorqFoundation/Platform/AsyncSequence.h"
 #include "VantorqFoundation/Platform/AsyncStream.h"
 #include "VantorqFoundation/Platform/Task.h"
@@ -71,19 +73,30 @@ struct Countdown {
             [[nodiscard]] bool await_ready() const noexcept { return true; }
             void await_suspend(std::coroutine_handle<>) const noexcept {}
             [[nodiscard]] std::optional<int> await_resume() const {
+                if (left == 0 && fails) {
+                    throw std::runtime_error("no more");
+                }
                 return left > 0 ? std::optional(left) : std::nullopt;
             }
             int left;
+            bool fails;
         };
-        Awaiter next() noexcept { return {left--}; }
+        Awaiter next() noexcept { return {left--, fails}; }
         int left;
+        bool fails;
     };
-    [[nodiscard]] Iterator makeAsyncIterator() const noexcept { return {from}; }
+    [[nodiscard]] Iterator makeAsyncIterator() const noexcept { return {from, fails}; }
 
     int from;
+    bool fails = false;
 };
 
 static_assert(AsyncSequence<Numbers> && AsyncSequence<Countdown>);
+
+/// A broadcast, which is a sequence as well.
+Ref<AsyncBroadcast<Numbers>> sharedNumbers(int count, bool fails) {
+    return broadcast(Numbers{count, fails}, BufferingPolicy::unbounded());
+}
 
 // Erasing.
 
@@ -124,25 +137,33 @@ TEST(AsyncSequenceHelpers, ElementsAndTheEndPassThrough) {
 }
 
 TEST(AsyncSequenceHelpers, ErasedToANonthrowingStreamAnErrorIsASilentEnd) {
-    for (const bool waits : {false, true}) {
-        const auto stream = eraseToNonthrowingStream(Numbers{2, true, waits});
+    const auto check = [](const AsyncStream<int>& stream, const Ints& elements) {
         auto iterator = stream.makeAsyncIterator();
-        EXPECT_EQ(nextOf(iterator), 1);
-        EXPECT_EQ(nextOf(iterator), 2);
+        for (const int element : elements) {
+            EXPECT_EQ(nextOf(iterator), element);
+        }
         EXPECT_EQ(nextOf(iterator), std::nullopt);
         EXPECT_EQ(nextOf(iterator), std::nullopt);
-    }
+    };
+    check(eraseToNonthrowingStream(Numbers{2, true, false}), {1, 2});
+    check(eraseToNonthrowingStream(Numbers{2, true, true}), {1, 2});
+    check(eraseToNonthrowingStream(Countdown{2, true}), {2, 1});
+    check(eraseToNonthrowingStream(*sharedNumbers(2, true)), {1, 2});
 }
 
 TEST(AsyncSequenceHelpers, ErasedToAThrowingStreamAnErrorIsPassedOnAndEndsTheStream) {
-    for (const bool waits : {false, true}) {
-        const auto stream = eraseToThrowingStream(Numbers{2, true, waits});
+    const auto check = [](const AsyncThrowingStream<int>& stream, const Ints& elements) {
         auto iterator = stream.makeAsyncIterator();
-        EXPECT_EQ(nextOf(iterator), 1);
-        EXPECT_EQ(nextOf(iterator), 2);
+        for (const int element : elements) {
+            EXPECT_EQ(nextOf(iterator), element);
+        }
         EXPECT_THROW(nextOf(iterator), std::runtime_error);
         EXPECT_EQ(nextOf(iterator), std::nullopt);
-    }
+    };
+    check(eraseToThrowingStream(Numbers{2, true, false}), {1, 2});
+    check(eraseToThrowingStream(Numbers{2, true, true}), {1, 2});
+    check(eraseToThrowingStream(Countdown{2, true}), {2, 1});
+    check(eraseToThrowingStream(*sharedNumbers(2, true)), {1, 2});
 }
 
 TEST(AsyncSequenceHelpers, TheSequenceIsAskedForOneIterator) {
@@ -160,6 +181,18 @@ TEST(AsyncSequenceHelpers, TheSequenceIsAskedForOneIterator) {
 TEST(AsyncSequenceHelpers, ASequenceWithAnAwaitableOfItsOwnIsErasedToo) {
     EXPECT_EQ(elementsOf(eraseToNonthrowingStream(Countdown{3})), (Ints{3, 2, 1}));
     EXPECT_EQ(elementsOf(eraseToThrowingStream(Countdown{3})), (Ints{3, 2, 1}));
+}
+
+TEST(AsyncSequenceHelpers, ABroadcastIsErasedForOneMoreConsumerWhoKeepsIt) {
+    auto shared = sharedNumbers(3, false);
+    const Weak weak(shared);
+    const auto nonthrowing = eraseToNonthrowingStream(*shared);
+    const auto throwing = eraseToThrowingStream(*shared);
+    shared.reset();
+    EXPECT_EQ(elementsOf(nonthrowing), (Ints{1, 2, 3}));
+    EXPECT_EQ(weak.load()->ownerCount(), 2U) << "the other stream, and the handle just loaded";
+    EXPECT_EQ(elementsOf(throwing), (Ints{1, 2, 3}));
+    EXPECT_EQ(weak.load().get(), nullptr);
 }
 
 TEST(AsyncSequenceHelpers, ElementsThatAreThereAreGivenWithoutSuspending) {
@@ -182,6 +215,19 @@ TEST(AsyncSequenceHelpers, AnErasedStreamNeedNotHaveCopyableElements) {
 }
 
 TEST(AsyncSequenceHelpers, TheSourceIsLetGoAtTheEnd) {
+    const auto token = make<test::Token>();
+    const auto erased = eraseToNonthrowingStream(AsyncThrowingStream<int>::unfolding(
+        [kept = token, left = 1]() mutable -> Async<std::optional<int>> {
+            co_return left-- > 0 ? std::optional(1) : std::nullopt;
+        }));
+    auto iterator = erased.makeAsyncIterator();
+    EXPECT_EQ(nextOf(iterator), 1);
+    EXPECT_EQ(token->ownerCount(), 2U);
+    EXPECT_EQ(nextOf(iterator), std::nullopt);
+    EXPECT_EQ(token->ownerCount(), 1U);
+}
+
+TEST(AsyncSequenceHelpers, CancellingTheConsumerCancelsTheSource) {
     std::optional<StreamTermination> ending;
     const auto erased = [&] {
         const auto [source, continuation] = AsyncThrowingStream<int>::makeStream();
@@ -240,24 +286,61 @@ TEST(MakeObserver, TheObserverDrivesNothing) {
     EXPECT_EQ(nextOf(rest), 2);
 }
 
-TEST(MakeObserver, AnElementThatIsWaitedForIsObservedBeforeItIsGiven) {
+TEST(MakeObserver, WhatIsWaitedForIsObservedBeforeItIsGiven) {
     const auto executor = make<ManualExecutor>();
     const auto [source, continuation] = AsyncStream<int>::makeStream();
-    const auto [iterableStream, observer] = makeObserver(source);
-    auto observing = observer.makeAsyncIterator();
-    const auto consumer = takeOne<int>(iterableStream, executor);
+    const auto observed = makeObserver(source);
+    auto observing = observed.observer.makeAsyncIterator();
+    const auto readBoth = [&]() -> Async<Ints> {
+        auto iterator = observed.iterableStream.makeAsyncIterator();
+        Ints elements;
+        for (;;) {
+            EXPECT_FALSE(observing.next().isReady());
+            const std::optional<int> element = co_await iterator.next();
+            auto seen = observing.next();
+            const bool isSeen = seen.isReady() && seen.takeReady() == element;
+            EXPECT_TRUE(isSeen) << elements.size();
+            if (!element.has_value() || !isSeen) {
+                co_return elements;
+            }
+            elements.push_back(*element);
+        }
+    };
+    const auto consumer = Task<Ints>::start(readBoth, {.executor = executor});
+    for (const int element : {1, 2}) {
+        executor->runAll();
+        continuation.yield(element);
+    }
     executor->runAll();
-    EXPECT_FALSE(observing.next().isReady());
-    continuation.yield(1);
-    executor->runAll();
-    EXPECT_EQ(*consumer.outcome(), 1);
-    EXPECT_EQ(nextOf(observing), 1);
-    const auto last = takeOne<int>(iterableStream, executor);
-    executor->runAll();
+    EXPECT_FALSE(consumer.isDone());
     continuation.finish();
     executor->runAll();
-    EXPECT_EQ(*last.outcome(), std::nullopt);
-    EXPECT_EQ(nextOf(observing), std::nullopt);
+    EXPECT_EQ(*consumer.outcome(), (Ints{1, 2}));
+}
+
+TEST(MakeObserver, AConsumerCancelledWhileItWaitsEndsTheStreamAndTheObserver) {
+    const auto executor = make<ManualExecutor>();
+    const auto made = AsyncStream<int>::makeStream();
+    const auto [iterableStream, observer] = makeObserver(made.stream);
+    const auto observing = takeOne<int>(observer, executor);
+    const auto consumer = takeOne<int>(iterableStream, executor);
+    executor->runAll();
+    EXPECT_FALSE(observing.isDone());
+    consumer.cancel();
+    executor->runAll();
+    EXPECT_EQ(*consumer.outcome(), std::nullopt);
+    ASSERT_TRUE(observing.isDone());
+    EXPECT_EQ(*observing.outcome(), std::nullopt);
+}
+
+TEST(MakeObserver, AConsumerCancelledBeforehandDoesNotEndTheObserver) {
+    const auto executor = make<ManualExecutor>();
+    const auto [iterableStream, observer] = makeObserver(streamOf({1}));
+    const auto consumer = takeOne<int>(iterableStream, executor);
+    consumer.cancel();
+    executor->runAll();
+    EXPECT_EQ(*consumer.outcome(), std::nullopt);
+    EXPECT_FALSE(observer.makeAsyncIterator().next().isReady()) << "no element and no end";
 }
 
 TEST(MakeObserver, AbandoningTheIterableStreamDoesNotEndTheObserver) {

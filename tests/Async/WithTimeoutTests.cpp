@@ -8,11 +8,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/Tasks.h"
+#include "Support/TimedTasks.h"
+#include "VantorqFoundation/Platform/Actor.h"
 #include "VantorqFoundation/Platform/ContinuousClock.h"
 #include "VantorqFoundation/Platform/Task.h"
-#include "VantorqFoundation/testing/ManualClock.h"
-#include "VantorqFoundation/testing/ManualExecutor.h"
 
 namespace vantorq {
 namespace {
@@ -21,8 +20,6 @@ using namespace std::chrono_literals;
 using test::Counted;
 using test::Gate;
 using test::Token;
-using testing::ManualClock;
-using testing::ManualExecutor;
 
 /// Whether it is the library's time-out, with this reason.
 void expectTimeout(const std::exception_ptr& exception, NSString& reason) {
@@ -37,13 +34,8 @@ void expectTimeout(const std::exception_ptr& exception, NSString& reason) {
     }
 }
 
-class WithTimeoutTest : public ::testing::Test {
+class WithTimeoutTest : public test::TimedTasksTest {
 protected:
-    Async<int> after(Clock::Duration length, int value) {
-        auto sleeping = clock->sleepFor(length);
-        co_await std::move(sleeping);
-        co_return value;
-    }
     /// Holds the token, and waits at the gate whatever happens.
     Async<int> behindGate(Ref<Token>) {
         co_await gate.wait();
@@ -51,20 +43,9 @@ protected:
     }
     Task<int> start(Clock::Duration limit, Async<int> function) {
         auto pending = withTimeout(limit, std::move(function), clock);
-        auto task = Task<int>::start(
-            [pending = std::move(pending)]() mutable { return std::move(pending); },
-            {.executor = executor});
-        executor->runAll();
-        return task;
+        return TimedTasksTest::start(
+            [pending = std::move(pending)]() mutable { return std::move(pending); });
     }
-    void advance(Clock::Duration length) {
-        clock->advance(length);
-        executor->runAll();
-    }
-
-    Ref<ManualExecutor> executor = make<ManualExecutor>();
-    Ref<ManualClock> clock = make<ManualClock>();
-    Gate gate;
 };
 
 TEST_F(WithTimeoutTest, GivesTheValueThatCameInTime) {
@@ -146,10 +127,22 @@ TEST_F(WithTimeoutTest, WithoutAnyTimeTheFunctionDoesNotRun) {
 TEST_F(WithTimeoutTest, ATimeBeyondAllIsNeverOver) {
     const auto task = start(Clock::Duration::max(), behindGate(make<Token>()));
     advance(Clock::Duration::max() - 1ns);
-    EXPECT_FALSE(task.isCancelled());
+    EXPECT_EQ(clock->sleeperCount(), 1U) << "the time is not over";
+    EXPECT_FALSE(task.isDone());
     gate.open();
     executor->runAll();
     EXPECT_EQ(task.outcome().value(), 7);
+}
+
+TEST_F(WithTimeoutTest, StartsOnNoActorAndGoesBackToTheCallers) {
+    const auto actor = make<Actor>();
+    const auto task = TimedTasksTest::start([&]() -> Async<bool> {
+        co_await actor->enter();
+        auto one = withTimeout(1s, actorOfStart(), clock);
+        const Actor* const where = co_await std::move(one);
+        co_return where == nullptr && actor->isCurrent();
+    });
+    EXPECT_TRUE(task.outcome().value());
 }
 
 TEST_F(WithTimeoutTest, CancellingTheCallerCancelsTheFunction) {

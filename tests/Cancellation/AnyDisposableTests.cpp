@@ -249,18 +249,37 @@ TEST(AnyDisposable, AroundAStatefulCancellableSeesThatItWasCancelledElsewhere) {
     EXPECT_TRUE(disposable->isCancelled());
 }
 
+/// A value of at least so many bytes, in the state of the object that it owns.
+template <std::size_t kSize>
+class StatefulValue {
+public:
+    explicit StatefulValue(Ref<CountedCancellable> object) : object_(std::move(object)) {}
+    void cancel() { object_->cancel(); }
+    [[nodiscard]] bool isCancelled() const { return object_->isCancelled(); }
+
+private:
+    Ref<CountedCancellable> object_;
+    std::array<char, kSize> bytes_{};
+};
+
 TEST(AnyDisposable, LetsGoOfAStatefulCancellableThatItFindsCancelledAndCancelsItNoMore) {
-    const auto wrapped = make<CountedCancellable>();
-    {
-        const auto disposable = make<AnyDisposable>(wrapped);
-        wrapped->cancel();
-        EXPECT_EQ(wrapped->ownerCount(), 2U);
-        EXPECT_TRUE(disposable->isCancelled());
-        EXPECT_EQ(wrapped->ownerCount(), 1U);
-        disposable->cancel();
-        EXPECT_TRUE(disposable->isCancelled());
-    }
-    EXPECT_EQ(wrapped->cancels, 1);
+    const auto check = [](auto wrap) {
+        const auto wrapped = make<CountedCancellable>();
+        {
+            const auto disposable = make<AnyDisposable>(wrap(wrapped));
+            EXPECT_FALSE(disposable->isCancelled());
+            wrapped->cancel();
+            EXPECT_EQ(wrapped->ownerCount(), 2U);
+            EXPECT_TRUE(disposable->isCancelled());
+            EXPECT_EQ(wrapped->ownerCount(), 1U);
+            disposable->cancel();
+            EXPECT_TRUE(disposable->isCancelled());
+        }
+        EXPECT_EQ(wrapped->cancels, 1);
+    };
+    check([](const auto& object) { return object; });
+    check([](const auto& object) { return StatefulValue<1>(object); });
+    check([](const auto& object) { return StatefulValue<500>(object); });
 }
 
 TEST(AnyDisposable, KeepsAStatefulCancellableThatItFindsRunning) {

@@ -19,6 +19,7 @@
 #include "Support/Cancellables.h"
 #include "VantorqFoundation/Platform/Actor.h"
 #include "VantorqFoundation/Platform/Block.h"
+#include "VantorqFoundation/Platform/Executor.h"
 #include "VantorqFoundation/Platform/Task.h"
 #include "VantorqFoundation/testing/ManualExecutor.h"
 
@@ -27,6 +28,21 @@ namespace {
 
 using test::Counted;
 using test::PlainCancellable;
+
+/// Runs nothing by itself, and calls the test back at the moment when code is resumed.
+class WatchedExecutor final : public Executor {
+public:
+    void enqueue(Job& job) override {
+        onEnqueue();
+        jobs_->enqueue(job);
+    }
+    std::size_t runAll() { return jobs_->runAll(); }
+
+    std::function<void()> onEnqueue = [] {};
+
+private:
+    const Ref<testing::ManualExecutor> jobs_ = make<testing::ManualExecutor>();
+};
 
 /// An operation that the test completes, and what has become of it.
 template <class Bridge>
@@ -38,10 +54,11 @@ public:
         return [this](Handler handler) {
             ++begins;
             complete_.emplace(std::move(handler));
-            if (whileItBegins) {
-                whileItBegins();
-            }
-            return [this] { ++cancels; };
+            whileItBegins();
+            return [this] {
+                ++cancels;
+                onCancel();
+            };
         };
     }
     /// Starts the call in a task of its own, which runs when the executor is run.
@@ -52,8 +69,9 @@ public:
     }
     void complete(int value) const { Bridge::succeed(*complete_, value); }
 
-    const Ref<testing::ManualExecutor> executor = make<testing::ManualExecutor>();
-    std::function<void()> whileItBegins;
+    const Ref<WatchedExecutor> executor = make<WatchedExecutor>();
+    std::function<void()> whileItBegins = [] {};
+    std::function<void()> onCancel = [] {};
     int begins = 0;
     int cancels = 0;
 
@@ -221,18 +239,18 @@ TYPED_TEST(CallbackBridge, IgnoresACompletionAfterTheCancellation) {
 }
 
 TYPED_TEST(CallbackBridge, IgnoresACompletionByItsCancelClosure) {
-    const auto executor = make<testing::ManualExecutor>();
-    const auto task = Task<std::optional<int>>::start(
-        [] {
-            return TypeParam::call(nullptr, [](typename TypeParam::Handler complete) {
-                return [complete] { TypeParam::succeed(complete, 7); };
-            });
-        },
-        {.executor = executor});
-    executor->runAll();
-    task.cancel();
-    executor->runAll();
-    EXPECT_EQ(syncWait(task), kCancelled);
+    Controlled<TypeParam> controlled;
+    controlled.onCancel = [&] { controlled.complete(7); };  // would wait for ever under the lock
+    const auto waiting = controlled.start();
+    controlled.executor->runAll();
+    waiting.cancel();
+    controlled.executor->runAll();
+    EXPECT_EQ(syncWait(waiting), kCancelled);
+    const auto cancelledFirst = controlled.start();
+    cancelledFirst.cancel();
+    controlled.executor->runAll();
+    EXPECT_EQ(syncWait(cancelledFirst), kCancelled);
+    EXPECT_EQ(controlled.cancels, 2);
 }
 
 TYPED_TEST(CallbackBridge, IgnoresACancellationAfterTheCompletion) {
@@ -248,65 +266,94 @@ TYPED_TEST(CallbackBridge, IgnoresACancellationAfterTheCompletion) {
     EXPECT_EQ(controlled.cancels, 0);
 }
 
-TYPED_TEST(CallbackBridge, CancelsTheOperationBeforeTheAwaitingCodeGoesOn) {
+TYPED_TEST(CallbackBridge, CancelsTheOperationBeforeItResumesTheAwaitingCode) {
     Controlled<TypeParam> controlled;
     std::vector<std::string> order;
+    controlled.onCancel = [&] { order.emplace_back("cancel"); };
+    const auto task = controlled.start();
+    controlled.executor->runAll();
+    controlled.executor->onEnqueue = [&] { order.emplace_back("resume"); };
+    task.cancel();
+    EXPECT_EQ(order, (std::vector<std::string>{"cancel", "resume"}));
+    controlled.executor->runAll();
+    EXPECT_EQ(syncWait(task), kCancelled);
+}
+
+TYPED_TEST(CallbackBridge, OfACancelledTaskCancelsTheOperationBeforeTheAwaitingCodeGoesOn) {
+    Controlled<TypeParam> controlled;
+    int cancelsBefore = -1;
     const auto task = Task<>::start(
         [&]() -> Async<> {
-            auto call = TypeParam::call(nullptr, [&](typename TypeParam::Handler) {
-                return [&] { order.emplace_back("cancel"); };
-            });
+            auto call = TypeParam::call(nullptr, controlled.operation());
             co_await std::move(call);
-            order.emplace_back("goes on");
+            cancelsBefore = controlled.cancels;
+        },
+        {.executor = controlled.executor});
+    task.cancel();
+    controlled.executor->runAll();
+    EXPECT_TRUE(task.isDone());
+    EXPECT_EQ(cancelsBefore, 1);
+}
+
+TYPED_TEST(CallbackBridge, ResumesTheAwaitingCodeWithoutItsLock) {
+    for (const bool isCancelled : {false, true}) {
+        Controlled<TypeParam> controlled;
+        int resumptions = 0;
+        const auto task = controlled.start();
+        controlled.executor->runAll();
+        controlled.executor->onEnqueue = [&] {
+            ++resumptions;
+            controlled.complete(8);  // would wait for ever under the lock
+        };
+        if (isCancelled) {
+            task.cancel();
+        } else {
+            controlled.complete(7);
+        }
+        EXPECT_EQ(resumptions, 1);
+        controlled.executor->runAll();
+        EXPECT_EQ(syncWait(task), isCancelled ? kCancelled : 7);
+    }
+}
+
+/// The actors that the operation and the code after the call run on, for a caller on `home` and an
+/// operation that another thread completes.
+template <class Bridge>
+std::vector<Actor*> actorsOf(Actor* home, Actor* isolation) {
+    Controlled<Bridge> controlled;
+    std::vector<Actor*> actors;
+    controlled.whileItBegins = [&] { actors.push_back(Actor::current()); };
+    const auto task = Task<>::start(
+        [&]() -> Async<> {
+            auto entry = Actor::enterIfAny(home);
+            co_await entry;
+            auto call = Bridge::call(isolation, controlled.operation());
+            co_await std::move(call);
+            actors.push_back(Actor::current());
         },
         {.executor = controlled.executor});
     controlled.executor->runAll();
-    task.cancel();
+    std::thread([&] { controlled.complete(7); }).join();
     controlled.executor->runAll();
-    EXPECT_EQ(order, (std::vector<std::string>{"cancel", "goes on"}));
+    EXPECT_TRUE(task.isDone());
+    return actors;
 }
 
 TYPED_TEST(CallbackBridge, CallsTheOperationOnTheGivenActorAndGoesOnWhereItWas) {
-    Controlled<TypeParam> controlled;
     const auto home = make<Actor>();
     const auto isolation = make<Actor>();
-    std::vector<Actor*> actors;
-    controlled.whileItBegins = [&] { actors.push_back(Actor::current()); };
-    const auto task = Task<>::start(
-        [&]() -> Async<> {
-            auto entry = home->enter();
-            co_await entry;
-            auto call = TypeParam::call(isolation.get(), controlled.operation());
-            co_await std::move(call);
-            actors.push_back(Actor::current());
-        },
-        {.executor = controlled.executor});
-    controlled.executor->runAll();
-    controlled.complete(7);
-    controlled.executor->runAll();
-    EXPECT_TRUE(task.isDone());
-    EXPECT_EQ(actors, (std::vector<Actor*>{isolation.get(), home.get()}));
+    EXPECT_EQ(actorsOf<TypeParam>(home.get(), isolation.get()),
+              (std::vector<Actor*>{isolation.get(), home.get()}));
+    EXPECT_EQ(actorsOf<TypeParam>(nullptr, isolation.get()),
+              (std::vector<Actor*>{isolation.get(), nullptr}));
 }
 
-TYPED_TEST(CallbackBridge, CallsTheOperationOnTheCallersActorWhenItIsGivenNone) {
-    Controlled<TypeParam> controlled;
+TYPED_TEST(CallbackBridge, StaysOnTheCallersActorWhenItIsGivenThatOneOrNone) {
     const auto home = make<Actor>();
-    std::vector<Actor*> actors;
-    controlled.whileItBegins = [&] { actors.push_back(Actor::current()); };
-    const auto task = Task<>::start(
-        [&]() -> Async<> {
-            auto entry = home->enter();
-            co_await entry;
-            auto call = TypeParam::call(nullptr, controlled.operation());
-            co_await std::move(call);
-            actors.push_back(Actor::current());
-        },
-        {.executor = controlled.executor});
-    controlled.executor->runAll();
-    controlled.complete(7);
-    controlled.executor->runAll();
-    EXPECT_TRUE(task.isDone());
-    EXPECT_EQ(actors, (std::vector<Actor*>{home.get(), home.get()}));
+    const std::vector<Actor*> allHome{home.get(), home.get()};
+    EXPECT_EQ(actorsOf<TypeParam>(home.get(), home.get()), allHome);
+    EXPECT_EQ(actorsOf<TypeParam>(home.get(), nullptr), allHome);
+    EXPECT_EQ(actorsOf<TypeParam>(nullptr, nullptr), (std::vector<Actor*>{nullptr, nullptr}));
 }
 
 TYPED_TEST(CallbackBridge, LeavesTheActorFreeWhileItWaits) {
@@ -333,27 +380,33 @@ TYPED_TEST(CallbackBridge, ThrowsWhatTheOperationThrows) {
     EXPECT_THROW(syncWait(std::move(call)), std::runtime_error);
 }
 
-TYPED_TEST(CallbackBridge, LetsGoOfItsCancelClosureBeforeTheAwaitingCodeGoesOn) {
+TYPED_TEST(CallbackBridge, LetsGoOfItsCancelClosureBeforeItResumesTheAwaitingCode) {
     Controlled<TypeParam> controlled;
     const int before = Counted::living;
-    std::optional<typename TypeParam::Handler> complete;
-    int livingAfterwards = -1;
-    const auto task = Task<>::start(
-        [&]() -> Async<> {
-            auto call = TypeParam::call(nullptr, [&](typename TypeParam::Handler handler) {
-                complete.emplace(std::move(handler));
-                return [held = make<PlainCancellable>()] { held->cancel(); };
-            });
-            co_await std::move(call);
-            livingAfterwards = Counted::living;
-        },
-        {.executor = controlled.executor});
-    controlled.executor->runAll();
-    EXPECT_EQ(Counted::living, before + 1);
-    TypeParam::succeed(*complete, 7);
-    controlled.executor->runAll();
-    EXPECT_TRUE(task.isDone());
-    EXPECT_EQ(livingAfterwards, before);
+    for (const bool isCancelled : {false, true}) {
+        std::optional<typename TypeParam::Handler> complete;
+        int livingAtResumption = -1;
+        const auto task = Task<std::optional<int>>::start(
+            [&] {
+                return TypeParam::call(nullptr, [&](typename TypeParam::Handler handler) {
+                    complete.emplace(std::move(handler));
+                    return [held = make<PlainCancellable>()] { held->cancel(); };
+                });
+            },
+            {.executor = controlled.executor});
+        controlled.executor->runAll();
+        EXPECT_EQ(Counted::living, before + 1);
+        controlled.executor->onEnqueue = [&] { livingAtResumption = Counted::living; };
+        if (isCancelled) {
+            task.cancel();
+        } else {
+            TypeParam::succeed(*complete, 7);
+        }
+        EXPECT_EQ(livingAtResumption, before);
+        controlled.executor->runAll();
+        EXPECT_TRUE(task.isDone());
+        controlled.executor->onEnqueue = [] {};
+    }
 }
 
 TYPED_TEST(CallbackBridge, LeavesNothingBehindHoweverItEnds) {

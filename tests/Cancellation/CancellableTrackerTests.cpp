@@ -287,24 +287,39 @@ TEST(CancellableTracker, CancelsItsContentWhenItsLastOwnerLetsGo) {
     EXPECT_EQ(b->cancels, 0);
 }
 
-TEST(CancellableTracker, CancelsWithoutItsLockAndWhenEverythingIsTakenOut) {
+TEST(CancellableTracker, CancelsEachOnceWithoutItsLockHoweverItsItemsComeBackToIt) {
     using Callings = CancellableTracker<Ref<Calling>>;
-    const auto a = make<Calling>();
-    const auto b = make<Calling>();
-    const auto tracker = Callings::set();
-    const auto untrackA = tracker->track(a);
-    const auto untrackB = tracker->track(b);
-    int cancels = 0;
-    const auto onCancel = [&] {
-        ++cancels;
-        untrackA();  // these would wait for ever under the lock
-        untrackB();
-        tracker->cancel();
+    using CallingTable = NSHashTable<Calling>;
+    const auto check = [](Ref<Callings> tracker, bool isLetGo) {
+        const auto a = make<Calling>();
+        const auto b = make<Calling>();
+        const auto untrackA = tracker->track(a);
+        const auto untrackB = tracker->track(b);
+        int cancelsOfA = 0;
+        int cancelsOfB = 0;
+        const auto comeBack = [&](int& cancels) {
+            ++cancels;
+            untrackA();  // these would wait for ever under the lock
+            untrackB();
+            if (!isLetGo) {
+                tracker->cancel();
+            }
+        };
+        a->onCancel = [&] { comeBack(cancelsOfA); };
+        b->onCancel = [&] { comeBack(cancelsOfB); };
+        if (isLetGo) {
+            tracker.reset();
+        } else {
+            tracker->cancel();
+        }
+        EXPECT_EQ(cancelsOfA, 1);
+        EXPECT_EQ(cancelsOfB, 1);
     };
-    a->onCancel = onCancel;
-    b->onCancel = onCancel;
-    tracker->cancel();
-    EXPECT_EQ(cancels, 2);
+    for (const bool isLetGo : {false, true}) {
+        check(Callings::set(), isLetGo);
+        check(Callings::hashTable(make<CallingTable>()), isLetGo);
+        check(Callings::hashTable(CallingTable::weakObjectsHashTable()), isLetGo);
+    }
 }
 
 /// Equal when their numbers are; calls the test back when the last copy ends.

@@ -300,33 +300,42 @@ TEST(ManagedCancellableSet, ReplacingUnderAKeyLeavesAnonymousOnesAlone) {
     EXPECT_EQ(a->cancels, 0);
 }
 
-TEST(ManagedCancellableSet, CancelClosesIt) {
-    const auto set = make<Set>();
-    set->cancel();
-    EXPECT_TRUE(set->isCancelled());
+/// An open set with a cancellable of either kind.
+struct Filled {
+    Filled() {
+        set->insert(anonymous);
+        (*set)[Keys::query] = keyed;
+    }
+    void expectCancelledOnceAndLetGo() const {
+        for (const auto& one : {anonymous, keyed}) {
+            EXPECT_EQ(one->cancels, 1);
+            EXPECT_EQ(one->ownerCount(), 2U);  // this test, twice
+        }
+    }
+
+    const Ref<CountedCancellable> anonymous = make<CountedCancellable>();
+    const Ref<CountedCancellable> keyed = make<CountedCancellable>();
+    Ref<Set> set = make<Set>();
+};
+
+TEST(ManagedCancellableSet, CancelClosesItAndLetsGoOfItsContent) {
+    const Filled filled;
+    filled.set->cancel();
+    EXPECT_TRUE(filled.set->isCancelled());
+    filled.expectCancelledOnceAndLetGo();
 }
 
 TEST(ManagedCancellableSet, CancelledTwiceCancelsItsContentOnce) {
-    const auto a = make<CountedCancellable>();
-    const auto b = make<CountedCancellable>();
-    const auto set = make<Set>();
-    set->insert(a);
-    (*set)[Keys::query] = b;
-    set->cancel();
-    set->cancel();
-    EXPECT_EQ(a->cancels, 1);
-    EXPECT_EQ(b->cancels, 1);
+    const Filled filled;
+    filled.set->cancel();
+    filled.set->cancel();
+    filled.expectCancelledOnceAndLetGo();
 }
 
-TEST(ManagedCancellableSet, LetsGoOfItsContentWhenItIsCancelled) {
-    const auto a = make<CountedCancellable>();
-    const auto b = make<CountedCancellable>();
-    const auto set = make<Set>();
-    set->insert(a);
-    (*set)[Keys::query] = b;
-    set->cancel();
-    EXPECT_EQ(a->ownerCount(), 1U);
-    EXPECT_EQ(b->ownerCount(), 1U);
+TEST(ManagedCancellableSet, CancelsItsContentWhenItsLastOwnerLetsGo) {
+    Filled filled;
+    filled.set.reset();
+    filled.expectCancelledOnceAndLetGo();
 }
 
 TEST(ManagedCancellableSet, CancelsWhatIsInsertedWhenItIsClosedAndDoesNotKeepIt) {
@@ -358,18 +367,6 @@ TEST(ManagedCancellableSet, ClosedReadsNothingAndCancelsWhatIsWritten) {
     EXPECT_TRUE(set->isCancelled());
 }
 
-TEST(ManagedCancellableSet, CancelsItsContentWhenItsLastOwnerLetsGo) {
-    const auto a = make<CountedCancellable>();
-    const auto b = make<CountedCancellable>();
-    {
-        const auto set = make<Set>();
-        set->insert(a);
-        (*set)[Keys::query] = b;
-    }
-    EXPECT_EQ(a->cancels, 1);
-    EXPECT_EQ(b->cancels, 1);
-}
-
 TEST(ManagedCancellableSet, EndsWithItsManager) {
     const auto a = make<CountedCancellable>();
     {
@@ -381,27 +378,34 @@ TEST(ManagedCancellableSet, EndsWithItsManager) {
 }
 
 TEST(ManagedCancellableSet, CancelsItsContentUnderItsLock) {
-    const auto set = make<Set>();
-    std::optional<test::Attempt> attempt;
-    set->insert(make<Calling>([&] { attempt.emplace([&] { (void)set->isCancelled(); }); }));
-    set->cancel();
-    ASSERT_TRUE(attempt.has_value());
-    EXPECT_FALSE(attempt->hadSucceeded());
+    const auto expectCancelsUnderTheLock = [](auto place) {
+        const auto set = make<Set>();
+        std::optional<test::Attempt> attempt;
+        place(*set, make<Calling>([&] { attempt.emplace([&] { (void)set->isCancelled(); }); }));
+        set->cancel();
+        ASSERT_TRUE(attempt.has_value());
+        EXPECT_FALSE(attempt->hadSucceeded());
+    };
+    expectCancelsUnderTheLock([](Set& set, auto calling) { set.insert(calling); });
+    expectCancelsUnderTheLock([](Set& set, auto calling) { set[Keys::query] = calling; });
+    expectCancelsUnderTheLock([](Set& set, auto calling) { set[kQueryPath] = calling; });
 }
 
-TEST(ManagedCancellableSet, CancelsTheReplacedOneUnderItsLockAndBeforeTheNewOneIsThere) {
-    const auto set = make<Set>();
-    std::optional<test::Attempt> attempt;
-    std::optional<CancellableRef> seen;
-    (*set)[Keys::query] =
-        make<Calling>([&] { attempt.emplace([&] { seen = read(*set, Keys::query); }); });
-    const auto b = make<CountedCancellable>();
-    (*set)[Keys::query] = b;
-    ASSERT_TRUE(attempt.has_value());
-    EXPECT_FALSE(attempt->hadSucceeded());
-    attempt->join();
-    EXPECT_EQ(seen, CancellableRef(b));
-    set->cancel();
+TEST(ManagedCancellableSet, CancelsTheReplacedOneUnderItsLockSoThatAReaderWaitsForTheNewOne) {
+    const auto expectReaderWaits = [](auto key, std::optional<CancellableRef> next) {
+        const auto set = make<Set>();
+        std::optional<test::Attempt> attempt;
+        std::optional<CancellableRef> seen;
+        (*set)[key] = make<Calling>([&] { attempt.emplace([&] { seen = read(*set, key); }); });
+        (*set)[key] = next;
+        ASSERT_TRUE(attempt.has_value());
+        EXPECT_FALSE(attempt->hadSucceeded());
+        attempt->join();
+        EXPECT_EQ(seen, next);
+    };
+    expectReaderWaits(Keys::query, make<CountedCancellable>());
+    expectReaderWaits(kQueryPath, make<CountedCancellable>());
+    expectReaderWaits(Keys::query, std::nullopt);
 }
 
 TEST(ManagedCancellableSet, CancelsWhatIsOfferedToAClosedSetWithoutItsLock) {

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "Support/Cancellables.h"
+#include "Support/Tasks.h"
 #include "Support/Threads.h"
 #include "VantorqFoundation/AnyDisposable.h"
 #include "VantorqFoundation/CancellableTracker.h"
@@ -215,7 +216,14 @@ TEST(TaskReference, LivesUntilItsTaskHasEndedWhoeverLetsGoOfItAndDoesNotCancelIt
 }
 
 TEST(TaskReference, LivesUntilAFailedTaskHasEnded) {
-    Weak<TaskReference<int>> weak = reference(taskThatFails());
+    test::Gate gate;
+    Weak<TaskReference<int>> weak = reference(Task<int>::start([&]() -> Async<int> {
+        co_await gate.wait();
+        throw std::runtime_error("no");
+    }));
+    EXPECT_TRUE(test::eventually([&] { return gate.waiterCount() == 1; }));
+    EXPECT_NE(weak.load(), nullptr);
+    gate.open();
     EXPECT_TRUE(test::eventually([&] { return weak.load() == nullptr; }));
 }
 

@@ -211,15 +211,6 @@ TEST(ReadWriteLock, ABodyWhoseLockCouldNotBeTakenRunsAndTheLockIsGivenBackAfterI
     expectFree(*lock);
 }
 
-TEST(ReadWriteLock, AnUnlockedOneIsDestroyedWithoutFurtherAdo) {
-    auto lock = make<ReadWriteLock>();
-    lock->writeBlock([] {});
-    const Weak<ReadWriteLock> weak(lock);
-    lock.reset();
-    EXPECT_EQ(weak.load(), nullptr);
-    EXPECT_EQ(make<ReadWriteLock>()->ownerCount(), 1U);  // one that was never used
-}
-
 // By message.
 
 id makeByMessage() {

@@ -1,8 +1,7 @@
 #include "VantorqFoundation/ThreadSafeDictionary.h"
 
-#include <atomic>
+#include <cstddef>
 #include <functional>
-#include <latch>
 #include <map>
 #include <optional>
 #include <set>
@@ -18,6 +17,7 @@
 #include <gtest/gtest.h>
 #include <rapidcheck/gtest.h>
 
+#include "Support/Cancellables.h"
 #include "Support/Threads.h"
 
 namespace vantorq {
@@ -227,25 +227,32 @@ TEST(ThreadSafeDictionary, ForEachCallsTheBodyOncePerEntry) {
     EXPECT_THAT(seen, UnorderedElementsAre(Pair("Ada", 36), Pair("Alan", 41), Pair("Grace", 85)));
 }
 
-TEST(ThreadSafeDictionary, ForEachHoldsTheLock) {
-    const auto ages = make<Ages>(Ages::Map{{"Ada", 36}});
-    std::latch begun(1);
-    std::atomic<bool> hasWritten{false};
-    std::thread writer;
-    ages->forEach([&](const std::string&, int) {
-        writer = std::thread([&] {
-            begun.count_down();
-            (*ages)["Kurt"] = 71;
-            hasWritten = true;
+TEST(ThreadSafeDictionary, ForEachHoldsTheLockFromTheFirstEntryToTheLast) {
+    const std::vector<std::function<void(Ages&)>> operations = {
+        [](Ages& ages) { (void)ages.count(); },
+        [](Ages& ages) { (void)ages.isEmpty(); },
+        [](Ages& ages) { (void)ages.keys(); },
+        [](Ages& ages) { (void)valueOf(ages, "Ada"); },
+        [](Ages& ages) { ages["Kurt"] = 71; },
+        [](Ages& ages) { ages["Ada"] = std::nullopt; },
+        [](Ages& ages) { ages.removeAll(); },
+        [](Ages& ages) { (void)ages.removeKeys(std::set<std::string>{"Ada"}); },
+    };
+    for (const auto& operation : operations) {
+        const auto ages = someAges();
+        std::optional<test::Attempt> attempt;
+        std::size_t calls = 0;
+        ages->forEach([&](const std::string&, int) {
+            if (++calls == 1) {
+                attempt.emplace([&] { operation(*ages); });
+            }
+            if (calls == 3) {
+                EXPECT_FALSE(attempt->succeeds());
+            }
         });
-        begun.wait();
-        for (int n = 0; n < 100; ++n) {
-            std::this_thread::yield();
-        }
-        EXPECT_FALSE(hasWritten);
-    });
-    writer.join();
-    EXPECT_EQ(ages->count(), 2U);
+        EXPECT_EQ(calls, 3U);
+        attempt->join();
+    }
 }
 
 TEST(ThreadSafeDictionary, ABodyThatFailsEndsTheWalkAndLeavesTheLockFree) {
@@ -351,6 +358,37 @@ TEST(ThreadSafeDictionary, ASnapshotIsBuiltOutsideTheLockAndUntouchedByLaterWrit
         numbers.push_back(value.number);
     }
     EXPECT_THAT(numbers, UnorderedElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9));
+}
+
+TEST(ThreadSafeDictionary, LeavesNothingBehind) {
+    constexpr int kCount = 10;
+    const int before = test::Counted::living;
+    {
+        using Key = Ref<test::CountedCancellable>;
+        const auto dictionary = make<ThreadSafeDictionary<Key, Ref<test::PlainCancellable>>>();
+        const auto fill = [&] {
+            for (int n = 0; n < kCount; ++n) {
+                (*dictionary)[make<test::CountedCancellable>()] = make<test::PlainCancellable>();
+            }
+        };
+        fill();
+        EXPECT_EQ(test::Counted::living, before + 2 * kCount);
+        for (const auto& key : dictionary->keys()) {
+            (*dictionary)[key] = make<test::PlainCancellable>();
+        }
+        EXPECT_EQ(test::Counted::living, before + 2 * kCount);
+        {
+            const auto values = dictionary->values();
+            dictionary->removeAll(true);
+            EXPECT_EQ(test::Counted::living, before + kCount);
+        }
+        EXPECT_EQ(test::Counted::living, before);
+        fill();
+        dictionary->removeAll();
+        EXPECT_EQ(test::Counted::living, before);
+        fill();
+    }
+    EXPECT_EQ(test::Counted::living, before);
 }
 
 TEST(ThreadSafeDictionary, ManyThreadsThatWriteDistinctKeysEndWithAllOfThem) {

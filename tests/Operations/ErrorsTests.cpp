@@ -234,20 +234,49 @@ TEST(ErrorCategory, AnswersEveryMessageAsItsTypedTwinDoes) {
     EXPECT_FALSE(send<bool>(errorIn("AA", 1), "vntq_isNetworkError"_sel));
     EXPECT_EQ(send<id>(errorIn("AA", 1, error), "vntq_underlyingError"_sel), id(error));
     EXPECT_EQ(send<id>(error, "vntq_debugRecoverySuggestion"_sel), nullptr);
+    const auto advised = vntq_error(
+        1, NSDictionary::dictionary({{NSLocalizedRecoverySuggestionErrorKey, "Try again."_ns},
+                                     {NSUnderlyingErrorKey, error}}));
+    EXPECT_EQ(send<id>(advised, "vntq_debugRecoverySuggestion"_sel), id("Try again."_ns));
+    EXPECT_EQ(send<id>(advised, "vntq_underlyingError"_sel), id(error));
     EXPECT_EQ(objectCast<NSString>(send<id>(cls, "vntq_shortDomainForError:"_sel, error))->utf8(),
               "NSURL");
-    const auto made =
-        send<Ref<NSError>>(cls, "vntq_error:userInfo:"_sel, std::int64_t{9}, Ref<NSDictionary>());
-    EXPECT_TRUE(made->isEqual(vntq_error(9, nullptr).get()));
-    const auto own = send<Ref<NSError>>(cls, "vntq_foundationErrorWithCode:userInfo:"_sel,
-                                        std::uint64_t{9}, Ref<NSDictionary>());
-    EXPECT_TRUE(own->isEqual(vntq_foundationErrorWithCode(9, nullptr).get()));
-    EXPECT_EQ(send<Ref<NSError>>(cls, "vntq_errorUnspecifiedWithUserInfo:"_sel, nullptr)->code(),
-              0);
+    const auto info = NSDictionary::dictionary({{"key"_ns, "value"_ns}});
+    for (const Ref<NSDictionary>& given : {info, Ref<NSDictionary>()}) {
+        const auto made =
+            send<Ref<NSError>>(cls, "vntq_error:userInfo:"_sel, std::int64_t{9}, given);
+        EXPECT_TRUE(made->isEqual(vntq_error(9, given).get()));
+        const auto own = send<Ref<NSError>>(cls, "vntq_foundationErrorWithCode:userInfo:"_sel,
+                                            std::uint64_t{9}, given);
+        EXPECT_TRUE(own->isEqual(vntq_foundationErrorWithCode(9, given).get()));
+        const auto unspecified =
+            send<Ref<NSError>>(cls, "vntq_errorUnspecifiedWithUserInfo:"_sel, given);
+        EXPECT_TRUE(unspecified->isEqual(vntq_errorUnspecifiedWithUserInfo(given).get()));
+    }
     EXPECT_EQ(send<Ref<NSError>>(cls, "vntq_errorPINVerificationRequiredError"_sel)->code(), 2);
     EXPECT_EQ(send<Ref<NSError>>(cls, "vntq_errorPINVerificationCanceledError"_sel)->code(), 3);
     EXPECT_EQ(send<Ref<NSError>>(cls, "vntq_errorAgeVerificationNeededError"_sel)->code(), 4);
     EXPECT_EQ(send<Ref<NSError>>(cls, "vntq_errorCreatePinInvalidPINError"_sel)->code(), 7);
+}
+
+TEST(ErrorCategoryDeathTest, TrapsOnMessagesWithArgumentsOfOtherTypes) {
+    const auto& cls = NSError::classObject();
+    EXPECT_TRAP((void)send<id>(cls, "vntq_error:userInfo:"_sel, 9, nullptr),
+                "+[NSError vntq_error:userInfo:]: sent with the types @i@, but the method has the "
+                "types @q@");
+    EXPECT_TRAP(
+        (void)send<id>(cls, "vntq_foundationErrorWithCode:userInfo:"_sel, std::int64_t{9}, nullptr),
+        "sent with the types @q@, but the method has the types @Q@");
+    EXPECT_TRAP((void)send<id>(cls, "vntq_error:userInfo:"_sel, std::int64_t{9},
+                               NSArray::arrayWithObject("value"_ns)),
+                "an object of class NSArray was sent where NSDictionary is required");
+    EXPECT_TRAP((void)send<id>(cls, "vntq_errorUnspecifiedWithUserInfo:"_sel,
+                               NSArray::arrayWithObject("value"_ns)),
+                "an object of class NSArray was sent where NSDictionary is required");
+    EXPECT_TRAP((void)send<id>(cls, "vntq_shortDomainForError:"_sel, nullptr),
+                "nil was sent where NSError is required");
+    EXPECT_TRAP((void)send<id>(cls, "vntq_shortDomainForError:"_sel, "NSURLErrorDomain"_ns),
+                "an object of class NSString was sent where NSError is required");
 }
 
 }  // namespace

@@ -53,6 +53,16 @@ TEST(BlockOperation, KeepsTheBlockThatIsSet) {
     EXPECT_EQ(operation->executionBlock(), block);
 }
 
+TEST(BlockOperation, KeepsTheBlockThatIsSetByMessage) {
+    const auto operation = make<VNTQBlockOperation>();
+    EXPECT_EQ(send<id>(operation, "executionBlock"_sel), nullptr);
+    send<void>(operation, "setExecutionBlock:"_sel,
+               [](VNTQBlockOperation* self) { self->completeWithSuccess(); });
+    EXPECT_EQ(send<id>(operation, "executionBlock"_sel), operation->executionBlock().object());
+    operation->start();
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+}
+
 TEST(BlockOperation, MadeByMessageToASubclassIsOfExactlyThisClass) {
     const id made = send<id>(SpecialBlockOperation::classObject(), "operationWithExecution:"_sel,
                              [](VNTQBlockOperation* self) { self->completeWithSuccess(); });
@@ -63,6 +73,8 @@ TEST(BlockOperation, MadeByMessageToASubclassIsOfExactlyThisClass) {
 
 TEST(BlockOperationDeathTest, TrapsOnABlockOfAnotherShape) {
     EXPECT_TRAP(send<id>(VNTQBlockOperation::classObject(), "operationWithExecution:"_sel, [] {}),
+                "a block of signature v@ is required");
+    EXPECT_TRAP(send<void>(make<VNTQBlockOperation>(), "setExecutionBlock:"_sel, [] {}),
                 "a block of signature v@ is required");
 }
 

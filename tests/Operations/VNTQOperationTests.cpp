@@ -7,6 +7,7 @@
 #include <functional>
 #include <latch>
 #include <limits>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -14,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/Cancellables.h"
 #include "Support/Operations.h"
 #include "Support/Trap.h"
 
@@ -52,6 +54,56 @@ bool isTimeout(const VNTQOperation& operation) {
 /// Runs what is queued on a serial queue so far.
 void drain(const Ref<DispatchQueue>& queue) {
     queue->sync([] {});
+}
+
+/// Calls `action` on a serial queue when so many seconds have passed, and returns when that is
+/// done. Timers of that queue that had to fire by then have done so before.
+void callOn(const Ref<DispatchQueue>& queue, double seconds, std::function<void()> action) {
+    std::latch called(1);
+    const auto timer = DispatchTimer::timer(queue, [&] {
+        action();
+        called.count_down();
+    });
+    timer->schedule(static_cast<std::uint64_t>(seconds * 1'000'000'000));
+    called.wait();
+    drain(queue);
+}
+
+/// What may be done to an operation, for what holds in whichever order it is done.
+using Step = void (*)(VNTQOperation&);
+constexpr Step kNothing = [](VNTQOperation&) {};
+constexpr Step kStart = [](VNTQOperation& operation) { operation.start(); };
+constexpr Step kComplete = [](VNTQOperation& operation) { operation.completeWithSuccess(); };
+constexpr Step kFail = [](VNTQOperation& operation) { operation.completeWithFailure(); };
+constexpr Step kCancel = [](VNTQOperation& operation) { operation.cancel(); };
+constexpr Step kTimeOut = [](VNTQOperation& operation) { operation.completeWithTimeout(); };
+
+/// Does something to an operation, once, when it is told that a key changes.
+class Meddler : public NSObject {
+public:
+    enum class When { ahead, after };
+
+    Meddler(When when, std::function<void(VNTQOperation&)> act)
+        : when_(when), act_(std::move(act)) {}
+    void observeValueForKeyPath(const NSString&, NSObject& object, const KeyValueChange& change,
+                                void*) override {
+        if (change.isPrior == (when_ == When::ahead) && act_ != nullptr) {
+            std::exchange(act_, nullptr)(static_cast<VNTQOperation&>(object));
+        }
+    }
+
+private:
+    const When when_;
+    std::function<void(VNTQOperation&)> act_;
+};
+using enum Meddler::When;
+
+/// Has `act` done when the operation announces the key, as long as the result lives.
+[[nodiscard]] Ref<Meddler> meddle(VNTQOperation& operation, Meddler::When when, const NSString& key,
+                                  std::function<void(VNTQOperation&)> act) {
+    auto meddler = make<Meddler>(when, std::move(act));
+    operation.addObserver(*meddler, key, KeyValueObservingOptions::prior);
+    return meddler;
 }
 
 // Defaults and configuration.
@@ -161,27 +213,32 @@ TEST(OperationStart, DoesNothingTheSecondTimeAfterAnEndBeforeTheFirst) {
     }
 }
 
-/// Does something to an operation when it is told, ahead of the change, that a key changes.
-class Meddler : public NSObject {
-public:
-    explicit Meddler(std::function<void(VNTQOperation&)> act) : act_(std::move(act)) {}
-    void observeValueForKeyPath(const NSString&, NSObject& object, const KeyValueChange& change,
-                                void*) override {
-        if (change.isPrior && act_ != nullptr) {
-            std::exchange(act_, nullptr)(static_cast<VNTQOperation&>(object));
+TEST(OperationStart, DoesNothingTheSecondTimeWhenAnObserverOfTheFirstOneDoesIt) {
+    const std::pair<Step, NSString&> ways[] = {{kNothing, operation_keys::isExecuting},
+                                               {kComplete, operation_keys::isFinished},
+                                               {kCancel, operation_keys::isFinished}};
+    for (const auto& [before, key] : ways) {
+        for (const auto when : {ahead, after}) {
+            const auto operation = inlineOperation();
+            int deliveries = 0;
+            operation->onCompletion([&] { ++deliveries; });
+            before(*operation);
+            const auto meddler = meddle(*operation, when, key, kStart);
+            const auto log = observeAll(*operation);
+            operation->start();
+            EXPECT_EQ(log->entries, (Log{"will " + key.utf8(), "did " + key.utf8()}));
+            EXPECT_EQ(operation->mainCalls, before == kNothing ? 1 : 0);
+            operation->completeWithSuccess();
+            EXPECT_EQ(deliveries, 1);
         }
     }
-
-private:
-    std::function<void(VNTQOperation&)> act_;
-};
+}
 
 TEST(OperationStart, FinishesAnOperationThatAnObserverOfTheStartCancels) {
-    const auto meddler = make<Meddler>([](VNTQOperation& operation) { operation.cancel(); });
     const auto operation = inlineOperation();
     int deliveries = 0;
     operation->onCompletion([&] { ++deliveries; });
-    operation->addObserver(*meddler, operation_keys::isExecuting, KeyValueObservingOptions::prior);
+    const auto meddler = meddle(*operation, ahead, operation_keys::isExecuting, kCancel);
     operation->start();
     EXPECT_EQ(operation->mainCalls, 0);
     EXPECT_TRUE(operation->isFinished());
@@ -207,6 +264,27 @@ TEST(OperationDeadline, IsTheStartPlusTheInterval) {
     operation->start();
     EXPECT_NEAR(secondsUntil(operation->timeoutDate()), 5, 1);
     EXPECT_NEAR(operation->timeRemaining(), 5, 1);
+}
+
+TEST(OperationDeadline, IsSetByTheStartAndNotByTheExecutionQueue) {
+    const auto queue = DispatchQueue::serial("test.deadline");
+    std::latch hold(1);
+    queue->async([&] { hold.wait(); });
+    const auto operation = inlineOperation();
+    operation->armsTimer = false;
+    operation->setExecutionQueue(queue);
+    operation->setTimeoutInterval(1000);
+    Ref<NSDate> announced;
+    const auto meddler = meddle(*operation, after, operation_keys::isExecuting,
+                                [&](VNTQOperation& told) { announced = told.timeoutDate(); });
+    operation->start();
+    const auto started = operation->timeoutDate();
+    hold.count_down();
+    drain(queue);
+    ASSERT_NE(announced, nullptr);
+    EXPECT_NEAR(secondsUntil(announced), 1000, 100);
+    EXPECT_TRUE(isEqual(started.get(), announced.get()));
+    EXPECT_TRUE(isEqual(operation->timeoutDate().get(), announced.get()));
 }
 
 /// Seconds to the deadline of an operation that has started with an interval of 5 seconds, and with
@@ -409,12 +487,50 @@ TEST(OperationTimeout, FiresOnTheGlobalQueueWithoutAnExecutionQueue) {
     EXPECT_EQ(current->qos(), DispatchQoS::default_);
 }
 
+TEST(OperationTimeout, ComesNoEarlierThanItsInterval) {
+    constexpr double kInterval = 0.2;
+    std::latch delivered(1);
+    std::chrono::steady_clock::time_point end;
+    const auto operation = inlineOperation();
+    operation->setTimeoutInterval(kInterval);
+    operation->onCompletion([&] {
+        end = std::chrono::steady_clock::now();
+        delivered.count_down();
+    });
+    const auto begin = std::chrono::steady_clock::now();
+    operation->start();
+    delivered.wait();
+    // The deadline is a date, and the system may be correcting those.
+    EXPECT_GE(std::chrono::duration<double>(end - begin).count(), kInterval - 0.001);
+    EXPECT_GE(test::secondsInTimeoutText(*operation).value_or(-1), kInterval);
+}
+
+/// An operation that executes, and whose timers fire on the queue.
+Ref<ProbeOperation> executingOperationOn(const Ref<DispatchQueue>& queue) {
+    auto operation = inlineOperation();
+    operation->setExecutionQueue(queue);
+    operation->start();
+    drain(queue);
+    return operation;
+}
+
+TEST(OperationTimeout, ComesNoLaterThanWhatIsDueAfterItAndItsTenth) {
+    const auto queue = DispatchQueue::serial("test.order");
+    const auto operation = executingOperationOn(queue);
+    Log order;
+    operation->onCompletion([&] { order.push_back("time-out"); });
+    operation->scheduleTimer(0.05);
+    callOn(queue, 0.055, [&] { order.push_back("later"); });
+    EXPECT_EQ(order, (Log{"time-out", "later"}));
+}
+
 TEST(OperationTimeout, DoesNotKeepTheOperationAlive) {
     Weak<ProbeOperation> weak;
     {
         const auto operation = inlineOperation();
         operation->setTimeoutInterval(1000);
         operation->start();
+        EXPECT_TRUE(operation->invalidateTimer());  // armed
         weak = Weak<ProbeOperation>(operation);
         EXPECT_NE(weak.load(), nullptr);
     }
@@ -422,18 +538,19 @@ TEST(OperationTimeout, DoesNotKeepTheOperationAlive) {
 }
 
 TEST(OperationTimeout, MayFireWhileTheOperationIsReleased) {
-    for (int round = 0; round < 300; ++round) {
-        const auto operation = inlineOperation();
-        operation->setTimeoutInterval(0.0001 * (round % 5));
-        operation->start();
+    for (int round = 0; round < 75; ++round) {
+        for (const double interval : {0.0001, 0.0002, 0.0004, 1000.0}) {
+            const auto operation = inlineOperation();
+            operation->setTimeoutInterval(interval);
+            operation->start();
+        }
     }
     EXPECT_TRUE(test::eventually([] { return ProbeOperation::liveCount == 0; }));
 }
 
 TEST(OperationTimeout, TextCountsFromTheStartWithOneDecimal) {
-    EXPECT_EQ(
-        NSString::stringWithFormat("Timeout waiting %1.1f seconds for completion"_ns, 2.04)->utf8(),
-        "Timeout waiting 2.0 seconds for completion");
+    EXPECT_EQ(detail::timeoutError(2.04)->localizedFailureReason()->utf8(),
+              "Timeout waiting 2.0 seconds for completion");
     const auto before = std::chrono::steady_clock::now();
     const auto operation = inlineOperation();
     operation->start();
@@ -476,6 +593,40 @@ TEST(OperationTimer, IsDisarmedByTheActionThatIsStored) {
     operation->invalidateTimerIfNeeded();
     operation->invalidateTimerIfNeeded();
     EXPECT_EQ(disarmed, 1);
+}
+
+TEST(OperationTimer, NeverFiresOnceDisarmed) {
+    const auto queue = DispatchQueue::serial("test.disarmed");
+    for (const bool byCopy : {false, true}) {
+        const auto operation = executingOperationOn(queue);
+        std::latch hold(1);
+        queue->async([&] { hold.wait(); });  // so that it is disarmed before it can fire
+        operation->scheduleTimer(0.01);
+        if (byCopy) {
+            const auto disarm = operation->invalidateTimer();
+            disarm();
+        } else {
+            operation->invalidateTimerIfNeeded();
+        }
+        hold.count_down();
+        callOn(queue, 0.02, [] {});
+        EXPECT_TRUE(operation->isExecuting());
+        operation->cancel();
+    }
+}
+
+TEST(OperationTimer, IsDisarmedWithoutTheLock) {
+    for (const Step end : {kComplete, kCancel, kTimeOut}) {
+        const auto operation = inlineOperation();
+        operation->start();
+        int reached = 0;
+        operation->setInvalidateTimer([&] {
+            // A registration takes the lock, so that it gets through only where nobody holds it.
+            std::thread([&] { operation->onCompletion([&] { ++reached; }); }).join();
+        });
+        end(*operation);
+        EXPECT_EQ(reached, 1);
+    }
 }
 
 TEST(OperationTimer, IsDisarmedAtTheEndBeforeTheDelivery) {
@@ -521,17 +672,38 @@ TEST(OperationCompletion, AnnouncesBothKeysTogetherAndStoresTheResultBetween) {
     EXPECT_FALSE(operation->isExecuting());
 }
 
-TEST(OperationCompletion, ByAnObserverOfAnotherOneCountsAsTheFirst) {
-    const auto meddler =
-        make<Meddler>([](VNTQOperation& operation) { operation.completeWithFailure(); });
-    const auto operation = inlineOperation();
-    int deliveries = 0;
-    operation->onCompletion([&] { ++deliveries; });
-    operation->start();
-    operation->addObserver(*meddler, operation_keys::isFinished, KeyValueObservingOptions::prior);
-    operation->completeWithSuccess();
-    EXPECT_EQ(operation->result(), VNTQResult::failure());
-    EXPECT_EQ(deliveries, 1);
+TEST(OperationEnd, ThatAnObserverOfAnotherOneBringsAboutCountsAsTheFirst) {
+    struct Way {
+        Step end;
+        Step meddling;
+        bool isCancelled;
+        Ref<VNTQResult> result;
+    };
+    const Way ways[] = {
+        {kComplete, kFail, false, VNTQResult::failure()},
+        {kComplete, kCancel, true, nullptr},
+        {kCancel, kComplete, true, nullptr},  // marked as cancelled by then
+    };
+    for (const Way& way : ways) {
+        for (NSString* key : {&operation_keys::isExecuting, &operation_keys::isFinished}) {
+            const auto operation = inlineOperation();
+            std::vector<Ref<VNTQResult>> delivered;
+            operation->onResult([&](const Ref<VNTQResult>& r) { delivered.push_back(r); });
+            operation->start();
+            bool meddled = false;
+            const auto meddler = meddle(*operation, ahead, *key, [&](VNTQOperation& told) {
+                way.meddling(told);
+                meddled = true;
+            });
+            way.end(*operation);
+            EXPECT_TRUE(meddled);
+            EXPECT_EQ(operation->isCancelled(), way.isCancelled);
+            EXPECT_EQ(operation->result(), way.result);
+            EXPECT_EQ(delivered, std::vector{way.result});
+            EXPECT_TRUE(operation->isFinished());
+            EXPECT_FALSE(operation->isExecuting());
+        }
+    }
 }
 
 TEST(OperationCompletion, HasItsForms) {
@@ -579,20 +751,85 @@ TEST(OperationCompletion, WithNilFinishesWithoutAResult) {
 }
 
 TEST(OperationCompletion, FromAnObserverOnTheSameThreadIsAllowedByTheRecursiveLock) {
-    class Completer : public NSObject {
-    public:
-        void observeValueForKeyPath(const NSString&, NSObject& object, const KeyValueChange&,
-                                    void*) override {
-            static_cast<VNTQOperation&>(object).completeWithSuccess();
-        }
-    };
-    const auto completer = make<Completer>();
     const auto operation = inlineOperation();
-    operation->addObserver(*completer, operation_keys::isExecuting);
+    const auto meddler = meddle(*operation, after, operation_keys::isExecuting, kComplete);
     operation->start();
     EXPECT_TRUE(operation->isFinished());
     EXPECT_EQ(operation->result(), VNTQResult::success());
     EXPECT_EQ(operation->mainCalls, 0);
+}
+
+// The lock.
+
+TEST(OperationLock, IsHeldWhileAChangeIsAnnounced) {
+    struct Change {
+        Step before;
+        Step change;
+        NSString& key;
+    };
+    const Change changes[] = {
+        {kNothing, kStart, operation_keys::isExecuting},
+        {kNothing, kComplete, operation_keys::isReady},
+        {kNothing, kCancel, operation_keys::isCancelled},
+        {kStart, kComplete, operation_keys::isExecuting},
+        {kStart, kComplete, operation_keys::isFinished},
+        {kStart, kCancel, operation_keys::isCancelled},
+        {kStart, kCancel, operation_keys::isExecuting},
+        {kStart, kCancel, operation_keys::isFinished},
+        {kComplete, kStart, operation_keys::isFinished},
+        {kCancel, kStart, operation_keys::isFinished},
+    };
+    const auto dependency = make<VNTQOperation>();
+    for (const Change& change : changes) {
+        for (const auto when : {ahead, after}) {
+            const auto operation = inlineOperation();
+            operation->addDependency(*dependency);
+            change.before(*operation);
+            std::atomic<int> calls = 0;
+            std::optional<test::Attempt> registration;  // it takes the lock
+            const auto meddler = meddle(*operation, when, change.key, [&](VNTQOperation& told) {
+                registration.emplace([&] { told.onCompletion([&] { ++calls; }); });
+            });
+            change.change(*operation);
+            ASSERT_TRUE(registration.has_value());
+            EXPECT_FALSE(registration->hadSucceeded()) << change.key.utf8();
+            registration->join();
+            operation->completeWithSuccess();
+            EXPECT_EQ(calls, 1) << change.key.utf8();
+        }
+    }
+}
+
+TEST(OperationLock, IsNotTakenByWhatComesTooLate) {
+    struct Way {
+        Step before;
+        Step change;
+        NSString& key;
+        std::vector<Step> tooLate;
+    };
+    const Way ways[] = {
+        {kStart, kComplete, operation_keys::isFinished, {kStart, kCancel, kFail, kTimeOut}},
+        {kStart, kCancel, operation_keys::isFinished, {kStart, kCancel, kFail, kTimeOut}},
+        {kNothing, kCancel, operation_keys::isCancelled, {kCancel, kFail, kTimeOut}},
+    };
+    for (const Way& way : ways) {
+        const auto operation = inlineOperation();
+        way.before(*operation);
+        bool returned = false;
+        const auto meddler = meddle(*operation, after, way.key, [&](VNTQOperation& told) {
+            // The lock is held here, so that only what needs it not can return.
+            std::thread([&] {
+                for (const Step step : way.tooLate) {
+                    step(told);
+                }
+            }).join();
+            returned = true;
+        });
+        way.change(*operation);
+        EXPECT_TRUE(returned);
+        EXPECT_EQ(operation->isCancelled(), way.change == kCancel);
+        EXPECT_EQ(operation->result(), way.change == kCancel ? nullptr : VNTQResult::success());
+    }
 }
 
 // Completing before the start.
@@ -617,6 +854,7 @@ TEST(PreCompletedOperation, AnnouncesItsEndAndDeliversWhenStarted) {
     const auto log = observeAll(*operation);
     operation->start();
     EXPECT_EQ(log->entries, (Log{"will isFinished", "did isFinished"}));
+    EXPECT_EQ(log->states, (Log{"-FR", "-FR"}));
     EXPECT_EQ(delivered, id("value"_ns));
     EXPECT_EQ(operation->mainCalls, 0);
     EXPECT_FALSE(operation->isExecuting());
@@ -684,6 +922,7 @@ TEST(OperationCancel, OfAnExecutingOneEndsItWithNil) {
     operation->cancel();
     EXPECT_EQ(log->entries, (Log{"will isCancelled", "did isCancelled", "will isExecuting",
                                  "will isFinished", "did isExecuting", "did isFinished"}));
+    EXPECT_EQ(log->states, (Log{"E--", "E--", "E--", "E--", "-F-", "-F-"}));
     EXPECT_TRUE(operation->isCancelled());
     EXPECT_TRUE(operation->isFinished());
     EXPECT_EQ(operation->result(), nullptr);
@@ -705,6 +944,7 @@ TEST(OperationCancel, BeforeTheStartOnlyMarksTheOperation) {
     EXPECT_EQ(log->entries, Log());
     operation->start();
     EXPECT_EQ(log->entries, (Log{"will isFinished", "did isFinished"}));
+    EXPECT_EQ(log->states, (Log{"---", "-F-"}));
     EXPECT_TRUE(operation->isFinished());
     EXPECT_EQ(operation->mainCalls, 0);
     EXPECT_EQ(operation->result(), nullptr);
@@ -717,6 +957,23 @@ TEST(OperationCancel, MakesAPendingOperationReady) {
     operation->addDependency(*dependency);
     operation->cancel();
     EXPECT_TRUE(operation->isReady());
+}
+
+TEST(OperationCancel, DeliversNilEvenWhereAnObserverOfItCompletesTheOperation) {
+    const auto operation = inlineOperation();
+    std::vector<Ref<VNTQResult>> delivered;
+    const auto deliver = [&](const Ref<VNTQResult>& result) { delivered.push_back(result); };
+    operation->onResult(deliver);
+    const auto meddler = meddle(*operation, ahead, operation_keys::isCancelled, kComplete);
+    operation->cancel();
+    EXPECT_TRUE(operation->isCancelled());
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+    EXPECT_TRUE(delivered.empty());
+    operation->start();
+    EXPECT_EQ(operation->mainCalls, 0);
+    EXPECT_EQ(delivered, (std::vector<Ref<VNTQResult>>{nullptr}));
+    operation->onResult(deliver);
+    EXPECT_EQ(delivered, (std::vector<Ref<VNTQResult>>{nullptr, nullptr}));
 }
 
 TEST(OperationCancel, DisarmsTheTimer) {
@@ -872,13 +1129,9 @@ TEST(OperationCallbacks, RunInPlaceWithExplicitDispatchAndNoResultQueue) {
 }
 
 TEST(OperationCallbacks, RunWithoutTheLockHoweverTheEndComes) {
-    using Steps = void (*)(VNTQOperation&);
-    constexpr Steps complete = [](VNTQOperation& operation) { operation.completeWithSuccess(); };
-    constexpr Steps cancel = [](VNTQOperation& operation) { operation.cancel(); };
-    constexpr Steps timeOut = [](VNTQOperation& operation) { operation.completeWithTimeout(); };
-    constexpr Steps start = [](VNTQOperation& operation) { operation.start(); };
-    const std::pair<Steps, Steps> ways[] = {{start, complete}, {start, cancel}, {start, timeOut},
-                                            {complete, start}, {cancel, start}, {timeOut, start}};
+    const std::pair<Step, Step> ways[] = {{kStart, kComplete}, {kStart, kCancel},
+                                          {kStart, kTimeOut},  {kComplete, kStart},
+                                          {kCancel, kStart},   {kTimeOut, kStart}};
     for (const auto& [first, second] : ways) {
         const auto operation = inlineOperation();
         int reached = 0;
@@ -916,16 +1169,36 @@ TEST(OperationCallbacks, RegisteredAfterTheEndFireAtOnceAndOnce) {
     EXPECT_EQ(calls, 1);
 }
 
-TEST(OperationCallbacks, RegisteredAfterTheEndGoToTheChosenQueue) {
+TEST(OperationCallbacks, RegisteredAfterTheEndGoToTheQueueThatEarlierOnesGoTo) {
     const auto results = DispatchQueue::serial("test.late");
-    const auto operation = make<ProbeOperation>();
-    operation->setResultQueue(results);
-    operation->start();
-    operation->completeWithSuccess();
-    const DispatchQueue* current = nullptr;
-    operation->onCompletion([&] { current = DispatchQueue::current(); });
-    drain(results);
-    EXPECT_EQ(current, results.get());
+    const auto execution = DispatchQueue::serial("test.execution");
+    struct Way {
+        Ref<DispatchQueue> resultQueue;
+        Ref<DispatchQueue> executionQueue;
+        Ref<DispatchQueue> chosen;
+    };
+    const Way ways[] = {
+        {results, execution, results},
+        {results, nullptr, results},
+        {nullptr, execution, execution},
+        {nullptr, nullptr, DispatchQueue::global()},
+    };
+    for (const Way& way : ways) {
+        const auto operation =
+            make<ProbeOperation>([](ProbeOperation* self) { self->completeWithSuccess(); });
+        operation->setResultQueue(way.resultQueue);
+        operation->setExecutionQueue(way.executionQueue);
+        operation->start();
+        drain(execution);
+        const DispatchQueue* current = nullptr;
+        std::latch delivered(1);
+        operation->onCompletion([&] {
+            current = DispatchQueue::current();
+            delivered.count_down();
+        });
+        delivered.wait();
+        EXPECT_EQ(current, way.chosen.get()) << way.chosen->label()->utf8();
+    }
 }
 
 TEST(OperationCallbacks, RegisteredAfterCancellationFireWithNil) {
@@ -1080,6 +1353,81 @@ public:
     Log order;
 };
 
+/// Keeps what reaches the two members that the other forms come down to.
+class Collecting : public VNTQOperation {
+public:
+    Ref<VNTQOperation> onResult(ResultCallback callback) override {
+        registered.push_back(std::move(callback));
+        return other;
+    }
+    void completeWithResult(const Ref<VNTQResult>& result) override { completed.push_back(result); }
+
+    const Ref<VNTQOperation> other = make<VNTQOperation>();
+    std::vector<ResultCallback> registered;
+    std::vector<Ref<VNTQResult>> completed;
+};
+
+TEST(OperationOverrides, OfTheRegistrationGetThatOfEveryForm) {
+    const auto none = [](NSObject*) {};
+    const std::function<void(Collecting&)> forms[] = {
+        [&](Collecting& o) { EXPECT_EQ(o.onResult([](VNTQResult*) {}), o.other); },
+        [&](Collecting& o) { EXPECT_EQ(o.onCompletion([] {}), o.other); },
+        [&](Collecting& o) { o.onValue(none, none); },
+        [&](Collecting& o) { o.onValue(none, nullptr); },
+        [&](Collecting& o) { o.onValue(nullptr, none); },
+        [&](Collecting& o) { o.onValue(none); },
+        [&](Collecting& o) { o.onError(none); },
+        [&](Collecting& o) { o.onSuccess([] {}, [] {}); },
+        [&](Collecting& o) { o.onSuccess([] {}, nullptr); },
+        [&](Collecting& o) { o.onSuccess(nullptr, [] {}); },
+        [&](Collecting& o) { o.onSuccess([] {}); },
+        [&](Collecting& o) { o.onFailure([] {}); },
+    };
+    for (const auto& form : forms) {
+        const auto operation = make<Collecting>();
+        form(*operation);
+        EXPECT_EQ(operation->registered.size(), 1U) << &form - forms;
+    }
+}
+
+TEST(OperationOverrides, OfTheRegistrationGetNothingWhereAllCallbacksAreEmpty) {
+    const auto operation = make<Collecting>();
+    EXPECT_EQ(operation->onValue(nullptr, nullptr), operation);
+    EXPECT_EQ(operation->onValue(nullptr), operation);
+    EXPECT_EQ(operation->onError(nullptr), operation);
+    EXPECT_EQ(operation->onSuccess(nullptr, nullptr), operation);
+    EXPECT_EQ(operation->onSuccess(nullptr), operation);
+    EXPECT_EQ(operation->onFailure(nullptr), operation);
+    const id object = operation;
+    EXPECT_EQ(send<id>(object, "onValue:orError:"_sel, nullptr, nullptr), object);
+    EXPECT_EQ(send<id>(object, "onValue:"_sel, nullptr), object);
+    EXPECT_EQ(send<id>(object, "onError:"_sel, nullptr), object);
+    EXPECT_EQ(send<id>(object, "onSuccess:orFailure:"_sel, nullptr, nullptr), object);
+    EXPECT_EQ(send<id>(object, "onSuccess:"_sel, nullptr), object);
+    EXPECT_EQ(send<id>(object, "onFailure:"_sel, nullptr), object);
+    EXPECT_TRUE(operation->registered.empty());
+}
+
+TEST(OperationOverrides, OfTheCompletionGetThatOfEveryForm) {
+    const id payload("payload"_ns);
+    const auto operation = make<Collecting>();
+    operation->completeWithSuccess(payload);
+    operation->completeWithFailure(payload);
+    operation->completeWithSuccess();
+    operation->completeWithFailure();
+    operation->completeWithTimeout();
+    EXPECT_FALSE(operation->isFinished());
+    const auto& completed = operation->completed;
+    ASSERT_EQ(completed.size(), 5U);
+    EXPECT_EQ(completed[0]->type(), VNTQResultTypeSuccess);
+    EXPECT_EQ(completed[0]->value(), payload);
+    EXPECT_EQ(completed[1]->type(), VNTQResultTypeFailure);
+    EXPECT_EQ(completed[1]->error(), payload);
+    EXPECT_EQ(completed[2], VNTQResult::success());
+    EXPECT_EQ(completed[3], VNTQResult::failure());
+    EXPECT_EQ(objectCast<NSError>(completed[4]->error())->code(), VNTQFoundationErrorTimeout);
+}
+
 TEST(OperationOverrides, AreCalledAtTheirPlaces) {
     const auto operation = make<Overriding>();
     operation->setTimeoutInterval(10);
@@ -1146,6 +1494,9 @@ TEST(OperationMessages, OfOneShapeReachTheirOwnTwins) {
     send<void>(object, "main"_sel);
     EXPECT_EQ(operation->mainCalls, 1);
     send<void>(object, "start"_sel);
+    EXPECT_EQ(operation->mainCalls, 2);
+    send<void>(object, "execute"_sel);
+    EXPECT_EQ(operation->mainCalls, 3);
     send<void>(object, "completeWithFailure:"_sel, "reason"_ns);
     EXPECT_EQ(called, "FEef");
     EXPECT_EQ(operation->result()->error(), id("reason"_ns));
@@ -1161,12 +1512,65 @@ TEST(OperationMessages, CompleteInEachForm) {
     EXPECT_EQ(resultOf("completeWithSuccess"_sel), VNTQResult::success());
     EXPECT_EQ(resultOf("completeWithFailure"_sel), VNTQResult::failure());
     EXPECT_EQ(objectCast<NSError>(resultOf("completeWithTimeout"_sel)->error())->code(), 1);
+    const auto given = VNTQResult::resultWithSuccess("value"_ns);
+    const auto completed = inlineOperation();
+    send<void>(completed, "completeWithResult:"_sel, given);
+    EXPECT_EQ(completed->result(), given);
     const auto operation = inlineOperation();
     operation->start();
     send<void>(operation, "scheduleTimer:"_sel, 1000.0);
     EXPECT_TRUE(operation->invalidateTimer());
     send<void>(operation, "invalidateTimerIfNeeded"_sel);
     EXPECT_FALSE(operation->invalidateTimer());
+}
+
+TEST(OperationMessages, DeliverAResultByHand) {
+    const auto operation = inlineOperation();
+    const auto given = VNTQResult::resultWithSuccess("value"_ns);
+    Ref<VNTQResult> delivered;
+    operation->onResult([&](const Ref<VNTQResult>& result) { delivered = result; });
+    send<void>(operation, "didFinishWithResult:"_sel, given);
+    EXPECT_EQ(delivered, given);
+    EXPECT_FALSE(operation->isFinished());
+}
+
+TEST(OperationMessages, ReadAndWriteTheConfiguration) {
+    const auto operation = make<VNTQOperation>();
+    const id object = operation;
+    const auto execution = DispatchQueue::serial("test.execution");
+    const auto results = DispatchQueue::serial("test.results");
+    send<void>(object, "setExecutionQueue:"_sel, execution);
+    send<void>(object, "setResultQueue:"_sel, results);
+    EXPECT_EQ(operation->executionQueue(), execution);
+    EXPECT_EQ(operation->resultQueue(), results);
+    EXPECT_EQ(send<id>(object, "executionQueue"_sel), execution);
+    EXPECT_EQ(send<id>(object, "resultQueue"_sel), results);
+    const auto date = NSDate::dateWithTimeIntervalSinceNow(60);
+    send<void>(object, "setTimeoutDate:"_sel, date);
+    EXPECT_EQ(operation->timeoutDate(), date);
+    EXPECT_EQ(send<id>(object, "timeoutDate"_sel), date);
+    operation->setTimeoutInterval(2.5);
+    EXPECT_EQ(send<double>(object, "timeoutInterval"_sel), 2.5);
+    int disarmed = 0;
+    send<void>(object, "setInvalidateTimer:"_sel, [&] { ++disarmed; });
+    EXPECT_EQ(send<id>(object, "invalidateTimer"_sel), operation->invalidateTimer().object());
+    operation->invalidateTimerIfNeeded();
+    EXPECT_EQ(disarmed, 1);
+    EXPECT_EQ(send<id>(object, "invalidateTimer"_sel), nullptr);
+}
+
+TEST(OperationMessages, TellTheStateAndCancel) {
+    const auto dependency = make<VNTQOperation>();
+    const auto operation = make<VNTQOperation>();
+    const id object = operation;
+    operation->addDependency(*dependency);
+    EXPECT_TRUE(send<bool>(object, "isAsynchronous"_sel));
+    EXPECT_FALSE(send<bool>(object, "isReady"_sel));
+    EXPECT_FALSE(send<bool>(object, "isCancelled"_sel));
+    send<void>(object, "cancel"_sel);
+    EXPECT_TRUE(operation->isCancelled());
+    EXPECT_TRUE(send<bool>(object, "isReady"_sel));
+    EXPECT_TRUE(send<bool>(object, "isCancelled"_sel));
 }
 
 TEST(OperationMessages, ReachOverridesInSubclasses) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "Support/Threads.h"
+#include "Support/Trap.h"
 #include "VantorqFoundation/VantorqFoundation.h"
 
 namespace vantorq {
@@ -150,12 +151,28 @@ TEST(ResultMessages, AnswerAsTheTypedTwinsDo) {
     EXPECT_EQ(objectCast<VNTQResult>(made)->value(), value);
     const id failed = send<id>(send<id>(cls, "alloc"_sel), "initWithFailure:"_sel, value);
     EXPECT_EQ(objectCast<VNTQResult>(failed)->error(), value);
+    EXPECT_TRUE(isEqual(send<id>(success, "description"_sel).get(), success->description().get()));
+    for (const id& copied : {send<id>(success, "copy"_sel),
+                             send<id>(success, "copyWithZone:"_sel, static_cast<void*>(nullptr))}) {
+        EXPECT_NE(copied, success);
+        ASSERT_NE(objectCast<VNTQResult>(copied), nullptr);
+        EXPECT_EQ(objectCast<VNTQResult>(copied)->type(), VNTQResultTypeSuccess);
+        EXPECT_EQ(objectCast<VNTQResult>(copied)->value(), value);
+    }
     send<void>(success, "setType:"_sel, VNTQResultTypeNone);
     send<void>(success, "setValue:"_sel, nullptr);
     send<void>(success, "setError:"_sel, value);
     EXPECT_EQ(success->type(), VNTQResultTypeNone);
     EXPECT_EQ(success->value(), nullptr);
     EXPECT_EQ(success->error(), value);
+}
+
+TEST(ResultMessagesDeathTest, TrapOnArgumentsOfOtherTypes) {
+    const auto result = make<VNTQResult>();
+    EXPECT_TRAP(send<void>(result, "setType:"_sel, 1),
+                "-[VNTQResult setType:]: sent with the types vi, but the method has the types vQ");
+    EXPECT_TRAP((void)send<id>(VNTQResult::classObject(), "resultWithSuccess:"_sel, 1),
+                "+[VNTQResult resultWithSuccess:]: sent with the types @i");
 }
 
 }  // namespace

@@ -45,6 +45,16 @@ TEST(RunLoopBlockOperation, WithoutABlockCancelsItself) {
     EXPECT_EQ(operation->result(), nullptr);
 }
 
+TEST(RunLoopBlockOperation, KeepsTheBlockThatIsSetByMessage) {
+    const auto operation = make<VNTQRunLoopBlockOperation>();
+    EXPECT_EQ(send<id>(operation, "executionBlock"_sel), nullptr);
+    send<void>(operation, "setExecutionBlock:"_sel,
+               [](VNTQRunLoopBlockOperation* self) { self->completeWithSuccess(); });
+    EXPECT_EQ(send<id>(operation, "executionBlock"_sel), operation->executionBlock().object());
+    operation->start();
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+}
+
 TEST(RunLoopBlockOperation, MadeByMessageToASubclassIsOfExactlyThisClass) {
     const id made =
         send<id>(SpecialRunLoopBlockOperation::classObject(), "operationWithExecution:"_sel,

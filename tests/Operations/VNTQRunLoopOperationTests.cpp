@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <latch>
+#include <limits>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "Support/Operations.h"
+#include "Support/Trap.h"
 
 namespace vantorq {
 
@@ -23,6 +26,7 @@ public:
     }
     bool runMode(const NSString& mode, const NSDate& beforeDate) override {
         ++passes;
+        turnedOn = DispatchQueue::current();
         longestSlice = std::max(longestSlice, beforeDate.timeIntervalSinceNow());
         EXPECT_TRUE(mode.isEqualToString(&NSDefaultRunLoopMode));
         return VNTQRunLoopOperation::runMode(mode, beforeDate);
@@ -30,6 +34,7 @@ public:
 
     Block<void(ProbeRunLoopOperation*)> work;
     int passes = 0;
+    const DispatchQueue* turnedOn = nullptr;
     double longestSlice = 0;
 };
 VNTQ_DEFINE_CLASS(ProbeRunLoopOperation, {})
@@ -78,6 +83,15 @@ TEST(RunLoopOperation, TimesOutAfterTheSecondsThatItWaits) {
     EXPECT_EQ(operation->timeoutInterval(), 0.5);
 }
 
+TEST(RunLoopOperation, ArmsNothingAndDoesNotWaitForInfiniteSeconds) {
+    const auto operation = make<ProbeRunLoopOperation>();
+    operation->startAndWaitFor(std::numeric_limits<double>::infinity());
+    EXPECT_TRUE(operation->isExecuting());
+    EXPECT_EQ(operation->passes, 0);
+    EXPECT_FALSE(operation->invalidateTimer());
+    operation->cancel();
+}
+
 TEST(RunLoopOperation, TurnsItsLoopInSlicesOfItsInterval) {
     const auto operation = make<ProbeRunLoopOperation>();
     operation->setLoopInterval(0.05);
@@ -93,6 +107,16 @@ TEST(RunLoopOperation, TimesOutAtTheDateThatItWaitsFor) {
     operation->startAndWaitUntil(date);
     EXPECT_TRUE(isTimeout(*operation));
     EXPECT_EQ(operation->timeoutDate(), date);
+}
+
+TEST(RunLoopOperation, TimesOutBeforeItsWorkAtADateThatHasPassed) {
+    const auto operation = make<ProbeRunLoopOperation>();
+    bool worked = false;
+    operation->work = [&](ProbeRunLoopOperation*) { worked = true; };
+    operation->startAndWaitUntil(NSDate::dateWithTimeIntervalSinceNow(-1));
+    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_FALSE(worked);
+    EXPECT_EQ(operation->passes, 0);
 }
 
 TEST(RunLoopOperation, EndsWithWhatATimerOfItsLoopCompletesItWith) {
@@ -137,18 +161,126 @@ TEST(RunLoopOperation, SeesACancellationFromAnotherThread) {
 }
 
 TEST(RunLoopOperation, WithoutADeadlineGetsOneInTheDistantFutureAndStillTurnsItsLoop) {
-    const auto operation = make<ProbeRunLoopOperation>();
-    operation->work = [](ProbeRunLoopOperation* self) {
-        EXPECT_TRUE(self->timeoutDate()->isEqual(NSDate::distantFuture().get()));
-        NSTimer::scheduledTimerWithTimeInterval(
-            0.01, false, [operation = Ref<ProbeRunLoopOperation>(self)](NSTimer*) {
-                operation->completeWithSuccess();
-            });
+    using Start = void (*)(VNTQRunLoopOperation&);
+    const Start starts[] = {
+        [](auto& operation) { operation.start(); },
+        [](auto& operation) { operation.startAndWaitFor(0); },
+        [](auto& operation) { operation.startAndWaitFor(-1); },
+        [](auto& operation) {
+            operation.startAndWaitFor(std::numeric_limits<double>::quiet_NaN());
+        },
+        [](auto& operation) { operation.startAndWaitUntil(nullptr); },
     };
-    operation->start();
-    EXPECT_TRUE(operation->isFinished());
-    EXPECT_GE(operation->passes, 1);
-    EXPECT_EQ(operation->result(), VNTQResult::success());
+    for (const Start start : starts) {
+        const auto operation = make<ProbeRunLoopOperation>();
+        operation->work = [](ProbeRunLoopOperation* self) {
+            EXPECT_TRUE(isEqual(self->timeoutDate().get(), NSDate::distantFuture().get()));
+            NSTimer::scheduledTimerWithTimeInterval(
+                0.01, false, [operation = Ref<ProbeRunLoopOperation>(self)](NSTimer*) {
+                    operation->completeWithSuccess();
+                });
+        };
+        start(*operation);
+        EXPECT_TRUE(operation->isFinished());
+        EXPECT_GE(operation->passes, 1);
+        EXPECT_EQ(operation->result(), VNTQResult::success());
+    }
+}
+
+/// Runs an operation on a thread of its own, and calls `act` with it from its loop's first pass;
+/// `check` is called on that thread when the wait is over.
+void runWithBlockInLoop(void (*act)(ProbeRunLoopOperation&),
+                        void (*check)(const ProbeRunLoopOperation&)) {
+    std::thread([=] {
+        const auto operation = make<ProbeRunLoopOperation>();
+        operation->work = [=](ProbeRunLoopOperation* self) {
+            NSRunLoop::current()->performBlock([=] { act(*self); });
+        };
+        operation->startAndWaitFor(60);
+        check(*operation);
+        operation->cancel();
+    }).join();
+}
+
+TEST(RunLoopOperation, LeavesNothingInItsLoopWhenItEndsEarly) {
+    const auto check = [](const ProbeRunLoopOperation& operation) {
+        EXPECT_TRUE(operation.isFinished());
+        EXPECT_FALSE(NSRunLoop::current()->runMode(NSDefaultRunLoopMode, *NSDate::distantPast()));
+    };
+    runWithBlockInLoop([](auto& operation) { operation.completeWithSuccess(); }, check);
+    runWithBlockInLoop([](auto& operation) { operation.cancel(); }, check);
+    runWithBlockInLoop(
+        [](auto& operation) {
+            operation.setRunPredicate(
+                NSPredicate::predicateWithBlock([](NSObject*) { return false; }));
+        },
+        check);
+}
+
+TEST(RunLoopOperation, StopsWaitingWhenItsTimerIsDisarmedThoughItStillExecutes) {
+    runWithBlockInLoop([](auto& operation) { operation.invalidateTimerIfNeeded(); },
+                       [](const auto& operation) {
+                           EXPECT_TRUE(operation.isExecuting());
+                           EXPECT_EQ(operation.passes, 1);
+                       });
+}
+
+TEST(RunLoopOperation, StopsWaitingWhenItIsOverThoughItsTimerIsStillArmed) {
+    runWithBlockInLoop(
+        [](auto& operation) {
+            operation.setInvalidateTimer([] {});
+            operation.completeWithSuccess();
+        },
+        [](const auto& operation) {
+            EXPECT_EQ(operation.result(), VNTQResult::success());
+            EXPECT_EQ(operation.passes, 1);
+            // The timer stands in the loop.
+            EXPECT_TRUE(
+                NSRunLoop::current()->runMode(NSDefaultRunLoopMode, *NSDate::distantPast()));
+        });
+}
+
+TEST(RunLoopOperation, AddsItsTimerToTheLoopThatItIsGiven) {
+    /// Leaves its loop to the thread whose loop it is.
+    class Waiting : public VNTQRunLoopOperation {
+    public:
+        bool runMode(const NSString&, const NSDate&) override {
+            return test::eventually([this] { return isFinished(); });
+        }
+    };
+    const auto operation = make<Waiting>();
+    std::latch isReady(1);
+    std::latch isOver(1);
+    std::thread::id firedOn;
+    std::thread owner([&] {
+        const auto loop = NSRunLoop::current();
+        const auto source = make<RunLoopSource>([] {});  // keeps the loop turning
+        loop->addSource(*source, NSDefaultRunLoopMode);
+        operation->setRunLoop(loop);
+        operation->onCompletion([&, loop] {
+            firedOn = std::this_thread::get_id();
+            loop->removeSource(*source, NSDefaultRunLoopMode);
+        });
+        isReady.count_down();
+        loop->run();
+        isOver.wait();
+    });
+    isReady.wait();
+    operation->startAndWaitFor(0.02);
+    isOver.count_down();
+    const auto ownerId = owner.get_id();
+    owner.join();
+    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_EQ(firedOn, ownerId);
+}
+
+TEST(RunLoopOperationDeathTest, TurnsNoOtherLoopThanTheOneThatItIsGiven) {
+    Ref<NSRunLoop> foreign;
+    std::thread([&] { foreign = NSRunLoop::current(); }).join();
+    const auto operation = make<VNTQRunLoopOperation>();
+    operation->setRunLoop(foreign);
+    EXPECT_TRAP((void)operation->runMode(NSDefaultRunLoopMode, *NSDate::distantPast()),
+                "NSRunLoop: turned by a thread that is not its own");
 }
 
 TEST(RunLoopOperation, FailsAtOnceWhenItsConditionNeverHeld) {
@@ -229,14 +361,19 @@ TEST(RunLoopOperation, ServesOtherTimersOfItsLoopInBetween) {
 
 TEST(RunLoopOperation, OnAnExecutionQueueTurnsTheLoopOfThatThread) {
     const auto queue = DispatchQueue::serial("test.loop");
+    std::latch hold(1);
+    queue->async([&] { hold.wait(); });
     const auto operation = make<ProbeRunLoopOperation>();
     operation->setExecutionQueue(queue);
-    std::latch delivered(1);
-    operation->onCompletion([&] { delivered.count_down(); });
-    operation->startAndWaitFor(0.05);
-    delivered.wait();
+    operation->work = [](ProbeRunLoopOperation* self) {
+        NSRunLoop::current()->performBlock([self] { self->completeWithSuccess(); });
+    };
+    operation->startAndWaitFor(60);  // returns, though the queue has not come to it
+    EXPECT_TRUE(operation->isExecuting());
+    hold.count_down();
     queue->sync([] {});
-    EXPECT_TRUE(isTimeout(*operation));
+    EXPECT_EQ(operation->result(), VNTQResult::success());
+    EXPECT_EQ(operation->turnedOn, queue.get());
 }
 
 TEST(RunLoopOperation, AnswersItsMessages) {
@@ -246,8 +383,43 @@ TEST(RunLoopOperation, AnswersItsMessages) {
     EXPECT_EQ(send<double>(operation, "loopInterval"_sel), 0.01);
     EXPECT_EQ(send<id>(operation, "runLoop"_sel), id(NSRunLoop::current()));
     EXPECT_EQ(send<id>(operation, "runPredicate"_sel), nullptr);
+    EXPECT_FALSE(send<bool>(operation, "isAsynchronous"_sel));
+    const auto condition = NSPredicate::predicateWithBlock([](NSObject*) { return true; });
+    EXPECT_EQ(send<id>(operation, "initWithRunPredicate:"_sel, condition), operation);
+    EXPECT_TRUE(isEqual(send<id>(operation, "runPredicate"_sel).get(), condition.get()));
     send<void>(operation, "startAndWaitFor:"_sel, 0.02);
     EXPECT_TRUE(isTimeout(*objectCast<VNTQOperation>(operation)));
+}
+
+TEST(RunLoopOperation, ExecutesAndTurnsItsLoopByMessage) {
+    const auto operation = make<ProbeRunLoopOperation>();
+    send<void>(operation, "execute"_sel);  // not started, so it only gets its deadline
+    EXPECT_TRUE(isEqual(operation->timeoutDate().get(), NSDate::distantFuture().get()));
+    EXPECT_EQ(operation->passes, 0);
+    operation->work = [](ProbeRunLoopOperation* self) {
+        send<void>(*self, "scheduleTimer:"_sel, 0.01);
+        EXPECT_GE(self->passes, 1);
+        EXPECT_TRUE(isTimeout(*self));
+    };
+    operation->start();
+    EXPECT_TRUE(operation->isFinished());
+}
+
+TEST(RunLoopOperationDeathTest, TrapsOnMessagesWithArgumentsOfOtherTypes) {
+    const id operation = make<VNTQRunLoopOperation>();
+    EXPECT_TRAP(send<void>(operation, "startAndWaitFor:"_sel, 1), "sent with the types vi");
+    EXPECT_TRAP(send<void>(operation, "startAndWaitUntil:"_sel, NSNumber::number(1.0)),
+                "an object of class NSNumber was sent where NSDate is required");
+    EXPECT_TRAP((void)send<id>(operation, "initWithRunPredicate:"_sel, "TRUEPREDICATE"_ns),
+                "an object of class NSString was sent where NSPredicate is required");
+    EXPECT_TRAP((void)send<bool>(operation, "runMode:beforeDate:"_sel, nullptr, NSDate::now()),
+                "sent with the types B@d");
+    EXPECT_TRAP(
+        (void)send<bool>(operation, "runMode:beforeDate:"_sel, nullptr, NSDate::distantPast()),
+        "nil was sent where NSString is required");
+    EXPECT_TRAP(
+        (void)send<bool>(operation, "runMode:beforeDate:"_sel, NSDefaultRunLoopMode, nullptr),
+        "nil was sent where NSDate is required");
 }
 
 TEST(RunLoopOperation, StartsByMessageAndWaitsUntilADate) {

@@ -127,6 +127,68 @@ TEST(Actor, OnesWhoArriveLaterComeAfterThoseInLine) {
     EXPECT_EQ(order, (std::vector{1, 2, 3, 4}));
 }
 
+TEST(Actor, YieldingOnItLetsThoseInLineGoFirst) {
+    const auto executor = make<ManualExecutor>();
+    const auto actor = make<Actor>();
+    std::vector<int> order;
+    const auto append = [&](int number) { order.push_back(number); };
+    const auto yielding = Task<>::start(
+        [&]() -> Async<> {
+            co_await actor->enter();
+            executor->runAll();  // the others arrive
+            append(0);
+            co_await thisTask::yield();
+            EXPECT_TRUE(actor->isCurrent());
+            append(3);
+        },
+        {.executor = executor});
+    std::vector<Task<>> others;
+    for (const int number : {1, 2}) {
+        others.push_back(
+            Task<>::start([&, number] { return actor->run([&, number] { append(number); }); },
+                          {.executor = executor}));
+    }
+    executor->runAll();
+    EXPECT_EQ(order, (std::vector{0, 1, 2, 3}));
+    EXPECT_TRUE(yielding.isDone());
+}
+
+/// From one actor to the other and back, each within a call on the one before.
+Async<int> nest(Actor& here, Actor& there, int depth) {
+    if (depth == 0) {
+        co_return 0;
+    }
+    auto running = here.run([&, depth] { return nest(there, here, depth - 1); });
+    const int below = co_await std::move(running);
+    co_return 1 + below;
+}
+
+TEST(Actor, AMillionCallsDoNotDeepenTheStack) {
+    constexpr int kCalls = 1'000'000;
+    const auto one = make<Actor>();
+    const auto other = make<Actor>();
+    const auto callAll = [&]() -> Async<int> {
+        int count = 0;
+        for (int i = 0; i < kCalls; ++i) {
+            Actor& actor = i % 2 == 0 ? *one : *other;
+            auto counting = actor.run([&count] { ++count; });
+            co_await std::move(counting);
+        }
+        co_return count;
+    };
+    EXPECT_EQ(syncWait(callAll()), kCalls);
+    auto calling = one->run(callAll);
+    EXPECT_EQ(syncWait(std::move(calling)), kCalls);
+}
+
+TEST(Actor, AHundredThousandNestedCallsDoNotDeepenTheStack) {
+    constexpr int kDepth = 100'000;
+    const auto one = make<Actor>();
+    const auto other = make<Actor>();
+    EXPECT_EQ(syncWait(nest(*one, *other, kDepth)), kDepth);
+    EXPECT_EQ(syncWait(nest(*one, *one, kDepth)), kDepth);
+}
+
 TEST(Actor, TheCallerGoesBackToItsActorAfterACallIntoAnother) {
     const auto here = make<Actor>();
     const auto there = make<Account>();

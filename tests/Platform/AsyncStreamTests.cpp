@@ -29,6 +29,7 @@ namespace {
 using test::elementsOf;
 using test::MoveOnly;
 using test::nextOf;
+using test::noteIn;
 using test::takeOne;
 using testing::ManualExecutor;
 using Ending = StreamTermination::Kind;
@@ -41,10 +42,6 @@ static_assert(std::same_as<AsyncElementOf<AsyncStream<std::string>>, std::string
 
 constexpr std::int64_t kNoBound = std::numeric_limits<std::int64_t>::max();
 
-/// Writes down how a stream has ended, each time that it is told.
-auto noteIn(std::vector<StreamTermination>& endings) {
-    return [&endings](const StreamTermination& how) { endings.push_back(how); };
-}
 Ints kindsOf(const std::vector<StreamTermination>& endings) {
     Ints kinds;
     for (const auto& ending : endings) {
@@ -190,6 +187,36 @@ TEST(AsyncStream, AMillionElementsDoNotDeepenTheStack) {
     }
     continuation.finish();
     EXPECT_EQ(elementsOf(stream).size(), 1'000'000U);
+}
+
+TEST(AsyncStream, AMillionElementsThatAreWaitedForDoNotDeepenTheStack) {
+    constexpr int kCount = 1'000'000;
+    // Two that answer each other, so that each element is waited for.
+    const auto answer = [](AsyncStream<int> from, AsyncStream<int>::Continuation to) -> Async<int> {
+        auto iterator = from.makeAsyncIterator();
+        int last = 0;
+        while (const auto element = co_await iterator.next()) {
+            last = *element;
+            if (last == kCount) {
+                break;
+            }
+            to.yield(last + 1);
+        }
+        to.finish();
+        co_return last;
+    };
+    const auto executor = make<ManualExecutor>();
+    const auto there = AsyncStream<int>::makeStream();
+    const auto back = AsyncStream<int>::makeStream();
+    const auto first = Task<int>::start([&] { return answer(there.stream, back.continuation); },
+                                        {.executor = executor});
+    const auto second = Task<int>::start([&] { return answer(back.stream, there.continuation); },
+                                         {.executor = executor});
+    executor->runAll();
+    there.continuation.yield(1);
+    executor->runAll();
+    EXPECT_EQ(*first.outcome(), kCount - 1);
+    EXPECT_EQ(*second.outcome(), kCount);
 }
 
 // Making one.

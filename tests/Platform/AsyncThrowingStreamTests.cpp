@@ -18,6 +18,7 @@ namespace {
 using test::elementsOf;
 using test::MoveOnly;
 using test::nextOf;
+using test::noteIn;
 using test::takeOne;
 using testing::ManualExecutor;
 using Ending = StreamTermination::Kind;
@@ -91,12 +92,11 @@ TEST(AsyncThrowingStream, TheConsumerThatHasWaitedLongestGetsTheErrorAndTheOther
 
 TEST(AsyncThrowingStream, TheTerminationHandlerIsToldTheError) {
     std::vector<StreamTermination> endings;
-    const auto note = [&](const StreamTermination& how) { endings.push_back(how); };
     const auto [stream, continuation] = AsyncThrowingStream<int>::makeStream();
-    continuation.setOnTermination(note);
+    continuation.setOnTermination(noteIn(endings));
     const auto error = failure(3);
     continuation.finish(error);
-    continuation.setOnTermination(note);
+    continuation.setOnTermination(noteIn(endings));
     const StreamTermination expected{Ending::finished, error};
     EXPECT_EQ(endings, (std::vector{expected, expected}));
 }
@@ -112,7 +112,7 @@ TEST(AsyncThrowingStream, CancellingAConsumerThatWaitsGivesNothingAndNoError) {
     const auto executor = make<ManualExecutor>();
     const auto [stream, continuation] = AsyncThrowingStream<int>::makeStream();
     std::vector<StreamTermination> endings;
-    continuation.setOnTermination([&](const StreamTermination& how) { endings.push_back(how); });
+    continuation.setOnTermination(noteIn(endings));
     const auto consumer = takeOne<int>(stream, executor);
     executor->runAll();
     consumer.cancel();

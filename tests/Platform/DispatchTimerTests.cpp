@@ -12,6 +12,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/Threads.h"
+
 namespace vantorq {
 namespace {
 
@@ -218,6 +220,32 @@ TEST(DispatchTimer, TheHandlerMayBeMoveOnlyAndLarge) {
         });
     fired.wait();
     EXPECT_EQ(seen, 8);
+}
+
+/// A copy may take locks that others hold while they arm or cancel timers.
+TEST(DispatchTimer, AHandlerThatCanOnlyBeCopiedIsNotWhenItFires) {
+    struct CopyOnly {
+        explicit CopyOnly(int& of) : copies(of) {}
+        CopyOnly(const CopyOnly& other) : copies(other.copies) { ++copies; }
+        int& copies;
+    };
+    int copies = 0;
+    std::latch fired(1);
+    const auto timer = DispatchTimer::timer(
+        DispatchQueue::global(), [&fired, held = CopyOnly(copies)] { fired.count_down(); });
+    const int before = copies;
+    timer->schedule(0);
+    fired.wait();
+    EXPECT_EQ(copies, before);
+}
+
+TEST(DispatchTimer, ItsThreadEndsThoughATimerThatNeverComesIsLeft) {
+    const auto never = startTimer(DispatchQueue::global(), UINT64_MAX, [] { abort(); });
+    {
+        const auto distant = startTimer(DispatchQueue::global(), kHour, [] { abort(); });
+        std::this_thread::sleep_for(2500ms);  // by now the thread sleeps to the distant one
+    }
+    EXPECT_TRUE(test::eventually([] { return test::countThreads("vntq-timer") == 0; }));
 }
 
 TEST(DispatchTimer, IsNotCancelledOnceItsHandlerHasBegun) {

@@ -99,6 +99,31 @@ TEST(Task, ThoseWhoWaitGoOnInTheOrderOfArrival) {
     EXPECT_EQ(order, (std::vector{0, 1, 2, 3}));
 }
 
+TEST(Task, AHundredThousandThatWaitForEachOtherDoNotDeepenTheStack) {
+    constexpr int kTasks = 100'000;
+    const auto executor = make<ManualExecutor>();
+    Gate gate;
+    auto last = Task<int>::start(
+        [&gate]() -> Async<int> {
+            co_await gate.wait();
+            co_return 0;
+        },
+        {.executor = executor});
+    for (int i = 0; i < kTasks; ++i) {
+        last = Task<int>::start(
+            [before = last]() -> Async<int> {
+                const int value = co_await before.value();
+                co_return value + 1;
+            },
+            {.executor = executor});
+        executor->runAll();
+    }
+    EXPECT_FALSE(last.isDone());
+    gate.open();
+    executor->runAll();
+    EXPECT_EQ(last.outcome().value(), kTasks);
+}
+
 TEST(Task, ItsErrorIsThrownToWhomAwaitsTheValue) {
     const auto task = Task<int>::start(failing);
     const auto waiting = [&task]() -> Async<int> { co_return co_await task.value(); };
@@ -341,49 +366,40 @@ TEST(Task, TheHandlerOfACancelledTaskIsCalledBeforeTheOperation) {
     EXPECT_EQ(trace, "start handler operation ");
 }
 
-TEST(Task, AHandlerWhoseOperationHasEndedNeverRuns) {
-    const auto executor = make<ManualExecutor>();
-    Gate inside;
-    Gate after;
-    std::atomic<int> cancellations = 0;
-    const auto task = Task<>::start(
-        [&]() -> Async<> {
-            auto pending = waitAndCount(inside, cancellations);
-            co_await std::move(pending);
-            co_await after.wait();
-        },
-        {.executor = executor});
-    executor->runAll();
-    inside.open();
-    executor->runAll();
-    task.cancel();
-    EXPECT_EQ(cancellations, 0);
-    after.open();
-    executor->runAll();
-    EXPECT_TRUE(task.isDone());
-}
-
-TEST(Task, AHandlerIsGoneWhenItsOperationThrows) {
-    const auto executor = make<ManualExecutor>();
-    Gate after;
-    int cancellations = 0;
-    const auto task = Task<>::start(
-        [&]() -> Async<> {
-            auto pending = withTaskCancellationHandler(failing, [&] { ++cancellations; });
-            try {
-                (void)co_await std::move(pending);
-                ADD_FAILURE();
-            } catch (const std::runtime_error&) {
+TEST(Task, AHandlerWhoseOperationHasEndedOrThrownNeverRuns) {
+    for (const bool throws : {false, true}) {
+        const auto executor = make<ManualExecutor>();
+        Gate inside;
+        Gate after;
+        int cancellations = 0;
+        const auto operation = [&]() -> Async<> {
+            co_await inside.wait();
+            if (throws) {
+                throw std::runtime_error("no");
             }
-            co_await after.wait();
-        },
-        {.executor = executor});
-    executor->runAll();
-    task.cancel();
-    EXPECT_EQ(cancellations, 0);
-    after.open();
-    executor->runAll();
-    EXPECT_TRUE(task.isDone());
+        };
+        const auto task = Task<>::start(
+            [&]() -> Async<> {
+                bool hasThrown = false;
+                auto pending = withTaskCancellationHandler(operation, [&] { ++cancellations; });
+                try {
+                    co_await std::move(pending);
+                } catch (const std::runtime_error&) {
+                    hasThrown = true;
+                }
+                EXPECT_EQ(hasThrown, throws);
+                co_await after.wait();
+            },
+            {.executor = executor});
+        executor->runAll();
+        inside.open();
+        executor->runAll();
+        task.cancel();
+        EXPECT_EQ(cancellations, 0);
+        after.open();
+        executor->runAll();
+        EXPECT_TRUE(task.isDone());
+    }
 }
 
 TEST(Task, EachOfNestedHandlersIsCalled) {

@@ -11,11 +11,9 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/Tasks.h"
+#include "Support/TimedTasks.h"
 #include "VantorqFoundation/Platform/Actor.h"
 #include "VantorqFoundation/Platform/Task.h"
-#include "VantorqFoundation/testing/ManualClock.h"
-#include "VantorqFoundation/testing/ManualExecutor.h"
 
 namespace vantorq {
 namespace {
@@ -24,44 +22,16 @@ using namespace std::chrono_literals;
 using test::Counted;
 using test::Gate;
 using test::Token;
-using testing::ManualClock;
-using testing::ManualExecutor;
 
-class WhenAllTest : public ::testing::Test {
+class WhenAllTest : public test::TimedTasksTest {
 protected:
-    template <class T>
-    Async<T> after(Clock::Duration length, T value) {
-        auto sleeping = clock->sleepFor(length);
-        co_await std::move(sleeping);
-        co_return value;
-    }
-    template <class E>
-    Async<int> failAfter(Clock::Duration length, E error) {
-        auto sleeping = clock->sleepFor(length);
-        co_await std::move(sleeping);
-        throw error;
-    }
     /// Holds the token, waits at the gate whatever happens, and notes whether it was cancelled.
     Async<int> behindGate(Ref<Token>) {
         co_await gate.wait();
         sawCancellation = thisTask::isCancelled();
         co_return 1;
     }
-    template <class F>
-    auto start(F function) {
-        using Value = std::invoke_result_t<F&>::Value;
-        auto task = Task<Value>::start(std::move(function), {.executor = executor});
-        executor->runAll();
-        return task;
-    }
-    void advance(Clock::Duration length) {
-        clock->advance(length);
-        executor->runAll();
-    }
 
-    Ref<ManualExecutor> executor = make<ManualExecutor>();
-    Ref<ManualClock> clock = make<ManualClock>();
-    Gate gate;
     bool sawCancellation = false;
 };
 
@@ -226,10 +196,9 @@ TEST_F(WhenAllTest, ACallerThatIsNotCancelledGoesOnAfterAnError) {
 
 TEST_F(WhenAllTest, StartsOnNoActorAndGoesBackToTheCallers) {
     const auto actor = make<Actor>();
-    const auto where = []() -> Async<Actor*> { co_return Actor::current(); };
     const auto task = start([&]() -> Async<bool> {
         co_await actor->enter();
-        auto both = whenAll(where(), where());
+        auto both = whenAll(actorOfStart(), actorOfStart());
         const auto [first, second] = co_await std::move(both);
         co_return first == nullptr&& second == nullptr && actor->isCurrent();
     });

@@ -10,11 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Support/Tasks.h"
+#include "Support/TimedTasks.h"
 #include "Support/Trap.h"
+#include "VantorqFoundation/Platform/Actor.h"
 #include "VantorqFoundation/Platform/Task.h"
-#include "VantorqFoundation/testing/ManualClock.h"
-#include "VantorqFoundation/testing/ManualExecutor.h"
 
 namespace vantorq {
 namespace {
@@ -23,22 +22,9 @@ using namespace std::chrono_literals;
 using test::Counted;
 using test::Gate;
 using test::Token;
-using testing::ManualClock;
-using testing::ManualExecutor;
 
-class WhenAnyTest : public ::testing::Test {
+class WhenAnyTest : public test::TimedTasksTest {
 protected:
-    template <class T>
-    Async<T> after(Clock::Duration length, T value) {
-        auto sleeping = clock->sleepFor(length);
-        co_await std::move(sleeping);
-        co_return value;
-    }
-    Async<int> failAfter(Clock::Duration length) {
-        auto sleeping = clock->sleepFor(length);
-        co_await std::move(sleeping);
-        throw std::runtime_error("no");
-    }
     /// Holds the token, and waits at the gate whatever happens.
     Async<int> behindGate(Ref<Token>, bool isToFail = false) {
         co_await gate.wait();
@@ -47,21 +33,6 @@ protected:
         }
         co_return 1;
     }
-    template <class F>
-    auto start(F function) {
-        using Value = std::invoke_result_t<F&>::Value;
-        auto task = Task<Value>::start(std::move(function), {.executor = executor});
-        executor->runAll();
-        return task;
-    }
-    void advance(Clock::Duration length) {
-        clock->advance(length);
-        executor->runAll();
-    }
-
-    Ref<ManualExecutor> executor = make<ManualExecutor>();
-    Ref<ManualClock> clock = make<ManualClock>();
-    Gate gate;
 };
 
 TEST_F(WhenAnyTest, GivesTheFirstToEndInItsPlace) {
@@ -115,7 +86,8 @@ TEST_F(WhenAnyTest, OfResultsThatAreThereAlreadyTheFirstWins) {
 }
 
 TEST_F(WhenAnyTest, TheErrorOfTheFirstToEndIsThrown) {
-    const auto task = start([this] { return whenAny(after(2s, 1), failAfter(1s)); });
+    const auto task =
+        start([this] { return whenAny(after(2s, 1), failAfter(1s, std::runtime_error("no"))); });
     advance(1s);
     EXPECT_EQ(clock->sleeperCount(), 0U);
     EXPECT_THROW(std::rethrow_exception(task.outcome().error()), std::runtime_error);
@@ -164,6 +136,17 @@ TEST_F(WhenAnyTest, InACancelledTaskAllAreCancelledFromTheStart) {
     task.cancel();
     executor->runAll();
     EXPECT_EQ(task.outcome().value(), (std::variant<bool, bool>(std::in_place_index<0>, true)));
+}
+
+TEST_F(WhenAnyTest, StartsOnNoActorAndGoesBackToTheCallers) {
+    const auto actor = make<Actor>();
+    const auto task = start([&]() -> Async<bool> {
+        co_await actor->enter();
+        auto one = whenAny(actorOfStart());
+        const auto where = co_await std::move(one);
+        co_return std::get<0>(where) == nullptr && actor->isCurrent();
+    });
+    EXPECT_TRUE(task.outcome().value());
 }
 
 TEST_F(WhenAnyTest, OfNothingTraps) {

@@ -67,14 +67,18 @@ public:
         while (!hasBegun_) {
             std::this_thread::yield();
         }
-        for (int i = 0; i < 1'000; ++i) {
-            std::this_thread::yield();
-        }
-        hadSucceeded_ = hasEnded_;
+        hadSucceeded_ = succeeds();
     }
 
     /// Whether it has ended while the constructor waited for it.
     [[nodiscard]] bool hadSucceeded() const { return hadSucceeded_; }
+    /// Gives it ample opportunity again, and tells whether it has ended.
+    [[nodiscard]] bool succeeds() const {
+        for (int i = 0; i < 1'000; ++i) {
+            std::this_thread::yield();
+        }
+        return hasEnded_;
+    }
     void join() { thread_.join(); }
 
 private:

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "VantorqFoundation/Platform/AsyncSequence.h"
+#include "VantorqFoundation/Platform/AsyncStream.h"
 #include "VantorqFoundation/Platform/Task.h"
 #include "VantorqFoundation/testing/ManualExecutor.h"
 
@@ -46,6 +47,11 @@ auto elementsOf(Sequence sequence) {
 template <class Iterator>
 auto nextOf(Iterator& iterator) {
     return syncWait(iterator.next());
+}
+
+/// A termination handler that writes down how the stream has ended, each time that it is told.
+inline auto noteIn(std::vector<StreamTermination>& endings) {
+    return [&endings](const StreamTermination& how) { endings.push_back(how); };
 }
 
 /// A task that gets one element of the sequence, on `executor`.

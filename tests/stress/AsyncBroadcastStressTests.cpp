@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <optional>
@@ -84,6 +85,10 @@ enum class Kind { stays, leaves, isCancelled };
 Kind kindOf(int number) {
     return static_cast<Kind>(number % 3);
 }
+/// How many elements a consumer is for, of a source that has `count`.
+int limitOf(int number, int count) {
+    return kindOf(number) == Kind::leaves ? number : count + 1;
+}
 
 class AsyncBroadcastStress : public ::testing::TestWithParam<Case> {
 protected:
@@ -97,12 +102,17 @@ protected:
         const bool isUnbounded = GetParam().policy == BufferingPolicy::unbounded();
         SCOPED_TRACE("consumer " + std::to_string(number));
         EXPECT_TRUE(isUnbounded ? isWithoutGap(record.values) : isIncreasing(record.values));
-        if (kindOf(number) == Kind::stays) {
-            EXPECT_EQ(record.hasEnded, !GetParam().fails);
-            EXPECT_EQ(record.hasFailed, GetParam().fails);
-            if (isUnbounded) {
-                EXPECT_EQ(record.values.size(), static_cast<std::size_t>(count_));
-            }
+        // All that it is for, or what there was up to the end.
+        const auto limit = static_cast<std::size_t>(limitOf(number, count_));
+        EXPECT_EQ(record.hasEnded || record.hasFailed, record.values.size() < limit);
+        EXPECT_FALSE(record.hasFailed && !GetParam().fails);
+        if (kindOf(number) == Kind::isCancelled) {
+            return;
+        }
+        EXPECT_FALSE(record.hasEnded && GetParam().fails);
+        if (isUnbounded) {
+            const auto count = static_cast<std::size_t>(count_);
+            EXPECT_EQ(record.values.size(), std::min(limit, count));
         }
     }
     void checkSource() {
@@ -129,7 +139,7 @@ TEST_P(AsyncBroadcastStress, ConsumersJoinAndLeaveWhileTheSourceIsReadToItsEnd) 
     for (int number = 0; number < kConsumers; ++number) {
         const int place = number * count_ / kConsumers;
         letReadUpTo(place);
-        const int limit = kindOf(number) == Kind::leaves ? number : count_ + 1;
+        const int limit = limitOf(number, count_);
         tasks.push_back(Task<Record>::start([this, limit] { return consume(shared_, limit); }));
         const int earlier = number - 6;
         if (earlier >= 0 && kindOf(earlier) == Kind::isCancelled) {
@@ -173,6 +183,44 @@ INSTANTIATE_TEST_SUITE_P(
                       Case{BufferingPolicy::bufferingNewest(16), Manner::atOnce, true},
                       Case{BufferingPolicy::bufferingOldest(16), Manner::yielding, true},
                       Case{BufferingPolicy::bufferingNewest(0), Manner::atOnce, false}));
+
+TEST(AsyncBroadcastEndStress, WhoComesJustAsTheSourceEndsReceivesAllOfItAndThenTheEnd) {
+    constexpr int kThreads = 3;
+    test::Census census;
+    for (int round = 0; round < 400; ++round) {
+        const bool fails = round % 2 == 0;
+        const Manner manner = round % 4 < 2 ? Manner::yielding : Manner::atOnce;
+        const Source source({2, fails, manner}, census);
+        Source::Account& account = source.account();
+        account.allowed = 2;
+        const auto shared = broadcast(source, BufferingPolicy::unbounded());
+        std::vector<Task<Record>> early;
+        if (manner == Manner::yielding) {
+            early.push_back(Task<Record>::start([&] { return consume(shared, 3); }));
+            while (account.calls < 3) {
+                std::this_thread::yield();
+            }
+        }
+        std::vector<Record> records(kThreads);
+        test::together(kThreads, [&](int thread) {
+            if (thread == 0) {
+                account.allowed = 3;  // the end, which somebody waits for, comes now
+            }
+            records[static_cast<std::size_t>(thread)] = syncWait(consume(shared, 3));
+        });
+        for (const auto& task : early) {
+            records.push_back(syncWait(task));
+        }
+        for (const Record& record : records) {
+            ASSERT_EQ(record.values, (std::vector{0, 1}));
+            ASSERT_EQ(record.hasEnded, !fails);
+            ASSERT_EQ(record.hasFailed, fails);
+        }
+        ASSERT_EQ(account.calls, 3);
+        ASSERT_EQ(account.mostUnderWay, 1);
+    }
+    EXPECT_TRUE(test::eventually([&] { return census.isEmpty(); }));
+}
 
 // A broadcast has one owner less at each consumer's end: the last one, whichever that is, takes it
 // along while others leave.

@@ -95,7 +95,7 @@ TEST(AsyncStreamStress, EveryRaceForTheEndHasOneWinner) {
                 [&, token = MoveOnly(0)](const StreamTermination&) { ++endings; });
             const auto consumer = Task<>::start([&, stream = made->stream]() -> Async<> {
                 auto iterator = stream.makeAsyncIterator();
-                while (co_await iterator.next()) {
+                while (const auto element = co_await iterator.next()) {
                     ++received;
                 }
             });

@@ -186,6 +186,65 @@ TEST(AnyDisposableStress, RunsItsActionOnceHoweverItsEndIsRaced) {
     EXPECT_EQ(Counted::living, livingBefore);
 }
 
+/// The owners of each cancel it, ask it, or cancel behind its back what it wraps and ask it then,
+/// two of these at once; and let go of it.
+TEST(AnyDisposableStress, CancelsAStatefulOneThatItFindsCancelledNoMoreHoweverItsEndIsRaced) {
+    constexpr std::size_t kBatch = 51;
+    constexpr std::uint64_t kRounds = 4'000;
+    const int livingBefore = Counted::living;
+    std::array<std::array<Ref<AnyDisposable>, kBatch>, 2> owners;
+    std::array<Ref<CountedCancellable>, kBatch> items;
+    std::atomic<std::uint64_t> wrong{0};
+    std::uint64_t checked = 0;
+
+    const auto check = [&] {
+        for (std::size_t i = 0; i < kBatch; ++i) {
+            if (auto& item = items[i]; item != nullptr) {
+                ++checked;
+                // Twice, where one owner cancels while the other does so behind its back.
+                const bool isRight = item->cancels == 1 || (item->cancels == 2 && i % 3 == 2);
+                wrong += !isRight || item->ownerCount() != 1 ? 1U : 0U;
+                item.reset();
+            }
+        }
+    };
+    test::Rounds(2, kRounds)
+        .run(
+            [&](std::uint64_t) {
+                check();
+                for (std::size_t i = 0; i < kBatch; ++i) {
+                    items[i] = make<CountedCancellable>();
+                    owners[0][i] = make<AnyDisposable>(items[i]);
+                    owners[1][i] = owners[0][i];
+                }
+            },
+            [&](std::uint32_t thread, std::uint64_t) {
+                for (std::size_t i = 0; i < kBatch; ++i) {
+                    Ref<AnyDisposable>& own = owners[thread][i];
+                    switch ((i + thread) % 3) {
+                        case 0:
+                            own->cancel();
+                            wrong += own->isCancelled() ? 0U : 1U;
+                            break;
+                        case 1: {
+                            const bool wasCancelled = own->isCancelled();
+                            wrong += wasCancelled && !own->isCancelled() ? 1U : 0U;
+                            break;
+                        }
+                        default:
+                            items[i]->cancel();
+                            wrong += own->isCancelled() ? 0U : 1U;
+                            break;
+                    }
+                    own.reset();
+                }
+            });
+    check();
+    EXPECT_EQ(wrong, 0U);
+    EXPECT_EQ(checked, kRounds * kBatch);
+    EXPECT_EQ(Counted::living, livingBefore);
+}
+
 using Tracker = CancellableTracker<Ref<CountedCancellable>>;
 
 /// Every thread tracks elements, untracks some by calling and some by dropping, and cancels all now

@@ -154,6 +154,25 @@ TEST(DispatchStress, EveryTimerFiresThatThreadsArmSideBySide) {
     });
 }
 
+TEST(DispatchStress, AHandlerIsHandedOutOnceThoughItsTimerIsScheduledAgainAndAgain) {
+    constexpr int kRounds = 20'000;
+    for (int i = 0; i < kRounds; ++i) {
+        std::latch fired(1);
+        const auto runs = std::make_unique<std::atomic<int>>(0);
+        const auto timer =
+            DispatchTimer::timer(DispatchQueue::global(),
+                                 [&, counter = std::make_unique<std::atomic<int>*>(runs.get())] {
+                                     ++**counter;  // null in a handler that was moved from
+                                     fired.count_down();
+                                 });
+        for (int again = 0; again < 8; ++again) {
+            timer->schedule(0);
+        }
+        fired.wait();
+        EXPECT_EQ(*runs, 1);
+    }
+}
+
 TEST(DispatchStress, TimersThatAreCancelledByAnotherThread) {
     constexpr int kRounds = 2'000;
     std::atomic<int> fired = 0;

@@ -1,6 +1,9 @@
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <variant>
@@ -8,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Support/Rounds.h"
 #include "Support/Tasks.h"
 #include "Support/Threads.h"
 #include "VantorqFoundation/Platform/Actor.h"
@@ -171,6 +175,61 @@ TEST(TaskStress, ActorsAreEnteredFromManyTasks) {
     }
     EXPECT_EQ(sum, 3 * kTasks * kRounds);
     tasks.clear();
+    expectNoTokens();
+}
+
+// What waits is sent back to one actor, busy or idle, by several threads at one moment.
+TEST(TaskStress, ManyComeBackToOneActorAtOnceAndHaveItOneByOne) {
+    constexpr std::uint64_t kRounds = 2'000;
+    constexpr std::size_t kTasks = 24;
+    const auto actor = make<Actor>();
+    std::array<std::optional<Gate>, kThreads> gates;
+    std::array<int, kTasks> returns{};
+    int inside = 0;  // of the one that has the actor
+    bool hasMet = false;
+    std::vector<Task<>> tasks;
+    const auto comeBack = [&](std::size_t number) {
+        return [&, number, token = make<Token>()]() -> Async<> {
+            co_await actor->enter();
+            co_await gates[number % kThreads]->wait();
+            hasMet = hasMet || !actor->isCurrent() || ++inside != 1;
+            ++returns[number];
+            --inside;
+        };
+    };
+    const auto waiterCount = [&] {
+        std::size_t count = 0;
+        for (const auto& gate : gates) {
+            count += gate->waiterCount();
+        }
+        return count;
+    };
+    const auto prepare = [&](std::uint64_t) {
+        for (const auto& task : tasks) {
+            syncWait(task);
+        }
+        tasks.clear();
+        for (auto& gate : gates) {
+            gate.emplace();
+        }
+        for (std::size_t number = 0; number < kTasks; ++number) {
+            tasks.push_back(Task<>::start(comeBack(number)));
+        }
+        while (waiterCount() < kTasks) {
+            std::this_thread::yield();
+        }
+    };
+    test::Rounds(kThreads, kRounds).run(prepare, [&](std::uint32_t thread, std::uint64_t) {
+        gates[thread]->open();
+    });
+    for (const auto& task : tasks) {
+        syncWait(task);
+    }
+    tasks.clear();
+    EXPECT_FALSE(hasMet);
+    for (const int count : returns) {
+        EXPECT_EQ(count, static_cast<int>(kRounds));
+    }
     expectNoTokens();
 }
 

@@ -79,6 +79,66 @@ TEST(ThreadSafeDictionaryStress, SnapshotsAreWholeWhileOthersWrite) {
     EXPECT_EQ(wrong, 0);
 }
 
+/// One thread adds keys in their order and takes all of them away at once, so at every moment those
+/// that are there are the first ones.
+TEST(ThreadSafeDictionaryStress, EveryViewIsOfOneMoment) {
+    constexpr int kRounds = 5'000;
+    const auto dictionary = make<ThreadSafeDictionary<int, int>>();
+    std::set<int> all;
+    for (int key = 0; key < kKeys; ++key) {
+        all.insert(key);
+    }
+    const auto areTheFirst = [](const std::set<int>& keys) {
+        return keys.empty() ||
+               (*keys.begin() == 0 && *keys.rbegin() == static_cast<int>(keys.size()) - 1);
+    };
+    std::atomic<int> wrong{0};
+    std::atomic<bool> isOver{false};
+    together(kThreads, [&](int thread) {
+        if (thread == 0) {
+            for (int n = 0; n < kRounds; ++n) {
+                for (const int key : all) {
+                    (*dictionary)[key] = key;
+                }
+                wrong += dictionary->removeKeys(all).size() == all.size() ? 0 : 1;
+            }
+            isOver = true;
+            return;
+        }
+        while (!isOver) {
+            const auto keys = dictionary->keys();
+            wrong += areTheFirst(std::set<int>(keys.begin(), keys.end())) ? 0 : 1;
+            std::set<int> walked;
+            dictionary->forEach([&](int key, int) { walked.insert(key); });
+            wrong += areTheFirst(walked) ? 0 : 1;
+        }
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_TRUE(dictionary->isEmpty());
+}
+
+/// Some keys stand still, and each thread adds and removes one of its own.
+TEST(ThreadSafeDictionaryStress, CountsLieBetweenTheFewestAndTheMostEntriesThatThereAre) {
+    constexpr std::size_t kStanding = 3;
+    const auto dictionary = make<ThreadSafeDictionary<int, int>>();
+    for (int key = 0; key < static_cast<int>(kStanding); ++key) {
+        (*dictionary)[key] = key;
+    }
+    std::atomic<int> wrong{0};
+    together(kThreads, [&](int thread) {
+        const int own = 100 + thread;
+        for (int n = 0; n < 20'000; ++n) {
+            (*dictionary)[own] = n;
+            const std::size_t count = dictionary->count();
+            wrong += count > kStanding && count <= kStanding + kThreads ? 0 : 1;
+            wrong += dictionary->isEmpty() ? 1 : 0;
+            (*dictionary)[own] = std::nullopt;
+        }
+    });
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(dictionary->count(), kStanding);
+}
+
 TEST(ThreadSafeDictionaryStress, DistinctKeysDoNotDisturbOneAnother) {
     constexpr int kEach = 5'000;
     const auto dictionary = make<ThreadSafeDictionary<int, int>>();

@@ -2,23 +2,6 @@
 
 namespace vantorq::detail {
 
-namespace {
-
-/// Awaited, waits until a task has ended.
-struct End {
-    [[nodiscard]] bool await_ready() const noexcept { return task.isDone(); }
-    bool await_suspend(std::coroutine_handle<> awaiter) noexcept {
-        noteSuspension(job, awaiter);
-        return task.addWaiter(job);
-    }
-    void await_resume() const noexcept {}
-
-    TaskState& task;
-    Job job{};
-};
-
-}  // namespace
-
 ChildTasks::~ChildTasks() = default;
 
 Async<> ChildTasks::run() {
@@ -28,7 +11,8 @@ Async<> ChildTasks::run() {
         task->start();
     }
     for (const auto& task : tasks_) {
-        co_await End{*task};
+        TaskEnd end{*task};
+        co_await end;
     }
 }
 

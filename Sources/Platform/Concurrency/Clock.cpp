@@ -22,11 +22,7 @@ private:
 Clock::~Clock() = default;
 
 Clock& Clock::continuous() {
-    static Clock& clock = []() -> Clock& {
-        auto& made = *new ContinuousClockObject;
-        made.makeImmortal();
-        return made;
-    }();
+    static Clock& clock = immortal(make<ContinuousClockObject>());
     return clock;
 }
 

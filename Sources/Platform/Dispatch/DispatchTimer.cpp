@@ -67,7 +67,8 @@ bool DispatchTimer::isCancelled() const noexcept {
 /// The work holds the handler, not the timer, which may be on its way out.
 detail::DueWork DispatchTimer::fire(detail::TimerEntry& entry) {
     auto& self = static_cast<DispatchTimer&>(entry);
-    if (self.state_.load(std::memory_order_acquire) == kCancelled) {
+    // It may have been scheduled again while it fired.
+    if (self.state_.load(std::memory_order_acquire) != kWaiting) {
         return {};
     }
     Ref<detail::TimerHandler> handler = self.makeHandler();

@@ -47,18 +47,18 @@ void TimerStore::arm(TimerEntry& entry, std::int64_t due, std::int64_t latest) {
 
 bool TimerStore::disarm(TimerEntry& entry) noexcept {
     TimerHeap& heap = heaps_[entry.heap];
-    bool isEmpty;
+    bool isLast;
     {
         const std::lock_guard guard(heap.lock);
         if (entry.index == TimerEntry::kNotArmed) {
             return false;
         }
         heap.remove(entry);
-        isEmpty = heap.isEmpty();
+        isLast = heap.nextWakeUp() == kNever;
     }
     noteUse();
     // The thread is to end soon after the last timer, not when that would have fired.
-    if (isEmpty && sleepsForLong_ && sleepsForLong_.exchange(false)) {
+    if (isLast && sleepsForLong_ && sleepsForLong_.exchange(false)) {
         alarm_.wake();
     }
     return true;
@@ -136,14 +136,11 @@ bool TimerStore::waitForWork() {
     }
 }
 
-/// "Never" without timers, or with none that ever comes.
 std::int64_t TimerStore::nextWakeUp() noexcept {
     std::int64_t next = kNever;
     for (TimerHeap& heap : heaps_) {
         const std::lock_guard guard(heap.lock);
-        if (!heap.isEmpty()) {
-            next = std::min(next, heap.first().latest);
-        }
+        next = std::min(next, heap.nextWakeUp());
     }
     return next;
 }

@@ -31,6 +31,10 @@ public:
 
     [[nodiscard]] bool isEmpty() const noexcept { return entries_.empty(); }
     [[nodiscard]] TimerEntry& first() const noexcept { return *entries_.front(); }
+    /// The first one's last moment; "never" without timers, or with none that ever comes.
+    [[nodiscard]] std::int64_t nextWakeUp() const noexcept {
+        return isEmpty() ? TimerEntry::kNever : first().latest;
+    }
     void add(TimerEntry& entry);
     void remove(TimerEntry& entry) noexcept;
 

@@ -112,6 +112,7 @@ struct Bin {
 
 struct ThreadCache {
     std::array<Bin, kClassCount> bins;
+    std::uint64_t takings;  // how often a bin has served an allocation
     bool isOpen;
     bool hasEnded;
 };
@@ -136,11 +137,16 @@ void closeCache(void*) noexcept {
     return true;
 }
 
+void* takeFrom(Bin& bin) noexcept {
+    ++threadCache.takings;
+    return bin.stack.pop();
+}
+
 [[gnu::noinline]] void* allocateFromDepot(Bin& bin, std::size_t index) {
     const bool isOpen = threadCache.isOpen || openCache();
     bin.stack =
         bin.spare.count > 0 || !isOpen ? std::exchange(bin.spare, {}) : depots[index].take();
-    return bin.stack.count > 0 ? bin.stack.pop() : ::operator new((index + 1) * kGranularity);
+    return bin.stack.count > 0 ? takeFrom(bin) : ::operator new((index + 1) * kGranularity);
 }
 
 [[gnu::noinline]] void makeRoom(Bin& bin, std::size_t index) noexcept {
@@ -158,7 +164,11 @@ void* detail::allocateObject(std::size_t size) {
     }
     const std::size_t index = sizeClass(size);
     Bin& bin = threadCache.bins[index];
-    return bin.stack.count > 0 ? bin.stack.pop() : allocateFromDepot(bin, index);
+    return bin.stack.count > 0 ? takeFrom(bin) : allocateFromDepot(bin, index);
+}
+
+std::uint64_t detail::reuseCount() noexcept {
+    return threadCache.takings;
 }
 
 void detail::freeObject(void* memory, std::size_t size) noexcept {

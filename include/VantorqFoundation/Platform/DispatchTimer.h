@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <limits>
+#include <memory>
 #include <type_traits>
 #include <utility>
 
@@ -88,13 +89,21 @@ class DispatchTimerOf;
 /// later of its queue and the timer.
 class VNTQ_EXPORT DispatchTimer : public RefCounted, private detail::TimerEntry {
 public:
-    /// A timer without a time. The handler is any callable without arguments; it is moved when its
-    /// time has come.
+    /// A timer without a time. The handler is any callable without arguments. If it can be moved
+    /// without throwing it is, when its time has come; timers are locked then.
     template <class F>
         requires std::invocable<std::decay_t<F>&>
     [[nodiscard]] static Ref<DispatchTimer> timer(Ref<DispatchQueue> queue, F&& handler) {
-        return make<detail::DispatchTimerOf<std::decay_t<F>>>(std::move(queue),
-                                                              std::forward<F>(handler));
+        using Function = std::decay_t<F>;
+        if constexpr (std::is_nothrow_move_constructible_v<Function>) {
+            return make<detail::DispatchTimerOf<Function>>(std::move(queue),
+                                                           std::forward<F>(handler));
+        } else {
+            return timer(std::move(queue),
+                         [boxed = std::make_unique<Function>(std::forward<F>(handler))] {
+                             std::invoke(*boxed);
+                         });
+        }
     }
 
     /// Sets the due time, in nanoseconds from now, and the leeway in nanoseconds. Moves a timer

@@ -54,6 +54,9 @@ VNTQ_EXPORT const RefCounted* lockSide(SideRecord* side) noexcept;
 /// for those of other threads.
 [[nodiscard]] VNTQ_EXPORT void* allocateObject(std::size_t size);
 VNTQ_EXPORT void freeObject(void* memory, std::size_t size) noexcept;
+/// How often the calling thread was given memory that another object had left. With its calls of
+/// `operator new` that makes the number of its allocations.
+[[nodiscard]] VNTQ_EXPORT std::uint64_t reuseCount() noexcept;
 }  // namespace detail
 
 /// What constructs an object that is never destroyed and whose owners are not counted: a constant.

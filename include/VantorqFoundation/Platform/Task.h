@@ -113,6 +113,19 @@ private:
     Job job_;
 };
 
+/// Awaited, waits until a task has ended.
+struct TaskEnd {
+    [[nodiscard]] bool await_ready() const noexcept { return awaited.isDone(); }
+    bool await_suspend(std::coroutine_handle<> awaiter) noexcept {
+        noteSuspension(job, awaiter);
+        return awaited.addWaiter(job);
+    }
+    void await_resume() const noexcept {}
+
+    TaskState& awaited;
+    Job job{};
+};
+
 /// A task with a value.
 template <class T>
 class TaskOf : public TaskState {
@@ -243,9 +256,9 @@ public:
     [[nodiscard]] bool isDone() const noexcept { return state_->isDone(); }
 
     /// Awaited, gives a copy of the value when the work has ended, or throws what it has thrown.
-    [[nodiscard]] auto value() const noexcept { return ValueAwaiter{{state_, {}}}; }
+    [[nodiscard]] auto value() const noexcept { return ValueAwaiter(state_); }
     /// Awaited, gives the outcome when the work has ended.
-    [[nodiscard]] auto result() const noexcept { return ResultAwaiter{{state_, {}}}; }
+    [[nodiscard]] auto result() const noexcept { return ResultAwaiter(state_); }
     /// The outcome; traps when the work has not ended.
     [[nodiscard]] Outcome outcome() const {
         if (!isDone()) {
@@ -270,17 +283,14 @@ public:
     friend bool operator==(const Task&, const Task&) noexcept = default;
 
 private:
-    struct Awaiter {
-        [[nodiscard]] bool await_ready() const noexcept { return state->isDone(); }
-        bool await_suspend(std::coroutine_handle<> awaiter) noexcept {
-            detail::noteSuspension(job, awaiter);
-            return state->addWaiter(job);
-        }
+    struct Awaiter : detail::TaskEnd {
+        explicit Awaiter(Ref<detail::TaskOf<Success>> task) noexcept
+            : detail::TaskEnd{*task}, state(std::move(task)) {}
 
         Ref<detail::TaskOf<Success>> state;
-        detail::Job job;
     };
     struct ValueAwaiter : Awaiter {
+        using Awaiter::Awaiter;
         Success await_resume() const noexcept(std::same_as<Failure, Never>) {
             this->state->outcome.rethrow();
             if constexpr (!std::is_void_v<Success>) {
@@ -289,6 +299,7 @@ private:
         }
     };
     struct ResultAwaiter : Awaiter {
+        using Awaiter::Awaiter;
         Outcome await_resume() const {
             Task task;
             task.state_ = this->state;

@@ -1,8 +1,10 @@
-#include "AllocationCount.h"
+#include "Support/AllocationCount.h"
 
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+
+#include "VantorqFoundation/Platform/RefCounted.h"
 
 namespace {
 
@@ -11,7 +13,7 @@ constinit thread_local std::uint64_t allocations = 0;
 }  // namespace
 
 std::uint64_t allocationCount() noexcept {
-    return allocations;
+    return allocations + vantorq::detail::reuseCount();
 }
 
 // The array and the non-throwing forms come down to these two.
