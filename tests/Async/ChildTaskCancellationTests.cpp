@@ -59,7 +59,7 @@ struct Family {
     const char* name;
     Async<> (*around)(ChildTaskTest& test, Async<> waiting);
 };
-const Family kFamilies[] = {
+constexpr Family kFamilies[] = {
     {"WhenAll",
      [](ChildTaskTest& test, Async<> waiting) {
          return withoutValue(whenAll(test.after(1h, 1), std::move(waiting),

@@ -68,6 +68,18 @@ TEST(Allocations, AWeakHandleIsNone) {
               0);
 }
 
+TEST(Allocations, AReadWriteLockIsOneAndTakingItNone) {
+    EXPECT_EQ(allocationsOf([] { (void)make<ReadWriteLock>(); }), 1);
+    const auto lock = make<ReadWriteLock>();
+    int sum = 0;
+    EXPECT_EQ(allocationsOf([&] {
+                  lock->readBlock([&] { ++sum; });
+                  lock->writeBlock([&] { ++sum; });
+              }),
+              0);
+    EXPECT_EQ(sum, 2 * (kCalls + 1));
+}
+
 TEST(Allocations, AwaitingAFunctionTakesItsFrame) {
     const auto awaitMany = []() -> Async<> {
         int sum = 0;
