@@ -41,16 +41,12 @@ VNTQ_DEFINE_CLASS(ProbeRunLoopOperation, {})
 
 namespace {
 
+using test::isTimeout;
+
 double secondsTaken(auto&& body) {
     const auto start = std::chrono::steady_clock::now();
     body();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-bool isTimeout(const VNTQOperation& operation) {
-    const auto error = objectCast<NSError>(operation.result()->error());
-    return error != nullptr && error->domain()->isEqualToString(&VNTQFoundationErrorDomain) &&
-           error->code() == 1;
 }
 
 TEST(RunLoopOperation, DispatchesExplicitlyAndIsSynchronous) {

@@ -10,10 +10,20 @@ VNTQ_DEFINE_CLASS(ProbeOperation, {})
 
 std::atomic<int> ProbeOperation::liveCount = 0;
 
+const NSError* errorOf(const VNTQOperation& operation) {
+    return operation.result() != nullptr ? objectCast<NSError>(operation.result()->error().get())
+                                         : nullptr;
+}
+
+bool isTimeout(const VNTQOperation& operation) {
+    const NSError* error = errorOf(operation);
+    return error != nullptr && error->domain()->isEqualToString(&VNTQFoundationErrorDomain) &&
+           error->code() == 1;
+}
+
 std::optional<double> secondsInTimeoutText(const VNTQOperation& operation) {
     static const std::regex form("Timeout waiting ([0-9]+\\.[0-9]) seconds for completion");
-    const auto result = operation.result();
-    const auto error = result != nullptr ? objectCast<NSError>(result->error()) : nullptr;
+    const NSError* error = errorOf(operation);
     const std::string text = error != nullptr ? error->localizedFailureReason()->utf8() : "";
     std::smatch match;
     return std::regex_match(text, match, form) ? std::optional(std::stod(match[1])) : std::nullopt;
