@@ -8,6 +8,7 @@
 #include <VantorqFoundation/VantorqFoundation.h>
 #include <VantorqFoundation/testing/ManualExecutor.h>
 
+#include "Sources/Platform/Dispatch/WorkLine.h"
 #include "Support/AllocationCount.h"
 
 namespace vantorq {
@@ -48,6 +49,27 @@ TEST(Allocations, AnOperationIsThatItsCallbackAndItsResult) {
                   EXPECT_EQ(delivered, 1);
               }),
               3);
+}
+
+TEST(Allocations, ALineOfWorkTakesOneWhenItGrows) {
+    WorkLine line;
+    Work work;
+    std::vector<Work*> out(100'000);
+    const auto lineUp = [&](std::size_t count) {
+        const std::uint64_t before = allocationCount();
+        for (std::size_t i = 0; i < count; ++i) {
+            line.push(work);
+        }
+        EXPECT_EQ(line.take(out), count);
+        return allocationCount() - before;
+    };
+    EXPECT_EQ(lineUp(100), 2U);  // 64 and 128
+    EXPECT_EQ(lineUp(128), 0U);
+    EXPECT_EQ(lineUp(129), 1U);
+    EXPECT_EQ(lineUp(65'536), 8U);
+    EXPECT_EQ(lineUp(65'536), 0U);
+    EXPECT_EQ(lineUp(65'537), 1U);
+    EXPECT_EQ(lineUp(1), 1U);  // so long a line was not kept
 }
 
 TEST(Allocations, ATimerIsOne) {

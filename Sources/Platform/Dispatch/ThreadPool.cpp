@@ -102,7 +102,7 @@ void ThreadPool::submit(std::size_t lane, Work& work) {
     {
         const std::lock_guard guard(lock_);
         if (!isKept) {
-            lanes_[lane].push_back(&work);
+            lanes_[lane].push(work);
             ++queued_;
             if (lane < mostUrgent_.load(std::memory_order_relaxed)) {
                 mostUrgent_.store(lane, std::memory_order_relaxed);
@@ -284,21 +284,25 @@ Work* ThreadPool::take(Worker& self) {
         return steal(self);
     }
     const std::size_t lane = chooseLane();
-    std::deque<Work*>& line = lanes_[lane];
-    Work* const first = line.front();
-    std::size_t count = 1;
-    if (self.batch.isEmpty()) {
-        const std::size_t share = (line.size() + allowed_ - 1) / allowed_;
-        count = std::min(share, WorkBatch::kCapacity);
-        self.batch.fill(line.begin() + 1, count - 1);
-        self.batchLane = lane;
-    }
-    line.erase(line.begin(), line.begin() + static_cast<std::ptrdiff_t>(count));
+    WorkLine& line = lanes_[lane];
+    const std::size_t fairShare =
+        self.batch.isEmpty() ? (line.size() + allowed_ - 1) / allowed_ : 1;
+    std::array<Work*, WorkBatch::kCapacity> works;
+    const std::size_t count = line.take(std::span(works).first(std::min(fairShare, works.size())));
     queued_ -= count;
-    const auto waiting = std::ranges::find_if_not(lanes_, &std::deque<Work*>::empty);
+    const auto waiting = std::ranges::find_if_not(lanes_, &WorkLine::isEmpty);
     mostUrgent_.store(static_cast<std::size_t>(waiting - lanes_.begin()),
                       std::memory_order_relaxed);
-    return first;
+    return share(std::span(works).first(count), lane, self);
+}
+
+/// The first of the works; the others go into the batch, which is empty if there are any.
+Work* ThreadPool::share(std::span<Work*> works, std::size_t lane, Worker& self) {
+    if (works.size() > 1) {
+        self.batch.fill(works.subspan(1));
+        self.batchLane = lane;
+    }
+    return works.front();
 }
 
 /// The most urgent lane with work, but the least urgent one from time to time.
@@ -307,7 +311,7 @@ std::size_t ThreadPool::chooseLane() noexcept {
         return mostUrgent_.load(std::memory_order_relaxed);
     }
     std::size_t lane = kLaneCount - 1;
-    while (lanes_[lane].empty()) {
+    while (lanes_[lane].isEmpty()) {
         --lane;
     }
     return lane;
@@ -317,13 +321,9 @@ Work* ThreadPool::steal(Worker& self) {
     std::array<Work*, WorkBatch::kCapacity> loot;
     const std::size_t most = self.batch.isEmpty() ? loot.size() : 1;
     for (const auto& victim : workers_) {
-        const std::size_t count = victim->batch.claim(std::span(loot.data(), most));
+        const std::size_t count = victim->batch.claim(std::span(loot).first(most));
         if (count > 0) {
-            if (count > 1) {
-                self.batch.fill(loot.begin() + 1, count - 1);
-                self.batchLane = victim->batchLane;
-            }
-            return loot[0];
+            return share(std::span(loot).first(count), victim->batchLane, self);
         }
     }
     return nullptr;

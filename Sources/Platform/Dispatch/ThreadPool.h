@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <sys/types.h>
 #include <vector>
 
@@ -14,6 +14,7 @@
 #include "VantorqFoundation/Platform/UnfairLock.h"
 #include "Work.h"
 #include "WorkBatch.h"
+#include "WorkLine.h"
 
 namespace vantorq {
 
@@ -64,6 +65,7 @@ private:
     Work* take(Worker& self);
     Work* takeFollowing() noexcept;
     Work* steal(Worker& self);
+    static Work* share(std::span<Work*> works, std::size_t lane, Worker& self);
     std::size_t chooseLane() noexcept;
     bool park(Worker& self, std::unique_lock<UnfairLock>& lock);
     FollowUp keepGoing();
@@ -94,7 +96,7 @@ private:
     std::size_t allowed_;        // how many may be active
     std::uint32_t takes_ = 0;
     Worker* parked_ = nullptr;  // the one that parked last
-    std::array<std::deque<Work*>, kLaneCount> lanes_;
+    std::array<WorkLine, kLaneCount> lanes_;
     std::vector<std::unique_ptr<Worker>> workers_;
     const std::unique_ptr<Monitor> monitor_;
 };

@@ -21,13 +21,13 @@ class WorkBatch {
 public:
     static constexpr std::size_t kCapacity = 64;
 
-    template <class Iterator>
-    void fill(Iterator first, std::size_t count) noexcept {
-        for (std::size_t i = 0; i < count; ++i, ++first) {
-            works_[i].store(*first, std::memory_order_relaxed);
+    void fill(std::span<Work* const> works) noexcept {
+        for (std::size_t i = 0; i < works.size(); ++i) {
+            works_[i].store(works[i], std::memory_order_relaxed);
         }
         const std::uint64_t filling = (state_.load(std::memory_order_relaxed) >> kFillingShift) + 1;
-        state_.store((filling << kFillingShift) | count << kEndShift, std::memory_order_release);
+        state_.store((filling << kFillingShift) | works.size() << kEndShift,
+                     std::memory_order_release);
     }
 
     /// The next piece, or null.
