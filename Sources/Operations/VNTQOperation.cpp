@@ -1,5 +1,6 @@
 #include "VantorqFoundation/VNTQOperation.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -108,12 +109,17 @@ double VNTQOperation::timeRemaining() const {
     return finished_ ? 0 : std::numeric_limits<double>::infinity();
 }
 
-/// Whether `timeRemaining` is above 0. A deadline that is far ahead needs no exact time.
-bool VNTQOperation::hasTimeLeft() const {
-    constexpr double kFarAhead = 1;
+/// `timeRemaining` for the time-out. A deadline that is far ahead is seen from the last tick of the
+/// clock, which is several times faster to read; it is never farther than it was at the start.
+double VNTQOperation::timeLeft() const {
+    constexpr double kFarAhead = 10;
     const double deadline = deadline_;
-    const bool isFarAhead = !std::isnan(deadline) && deadline - NSDate::coarseNow() > kFarAhead;
-    return isFarAhead || timeRemaining() > 0;
+    if (!std::isnan(deadline)) {
+        if (const double left = deadline - NSDate::coarseNow(); left > kFarAhead) {
+            return std::min(left, deadline - startDate_);
+        }
+    }
+    return timeRemaining();
 }
 
 bool VNTQOperation::isStillExecuting() const {
@@ -126,7 +132,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    if (!hasTimeLeft()) {
+    if (!(timeLeft() > 0)) {
         completeWithTimeout();
         return;
     }
@@ -134,7 +140,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    const double left = timeRemaining();
+    const double left = timeLeft();
     if (!(left > 0)) {
         completeWithTimeout();
         return;
@@ -162,7 +168,7 @@ void VNTQOperation::scheduleTimer(double seconds) {
                                      self->completeWithTimeout();
                                  }
                              });
-    setInvalidateTimer([timer] { timer->cancel(); });
+    setInvalidateTimer([timer = timer] { timer->cancel(); });  // moved, which a constant is not
     const TimeoutDelay delay = timeoutDelay(seconds);
     timer->schedule(delay.nanoseconds, delay.leeway);
 }

@@ -1,5 +1,7 @@
+#include <array>
 #include <cstdint>
 #include <optional>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -88,6 +90,25 @@ TEST(Allocations, AWeakHandleIsNone) {
                   EXPECT_EQ(weak.load(), object);
               }),
               0);
+}
+
+TEST(Allocations, ThreadsLeaveTheRecordsOfWeakHandlesToOthers) {
+    constexpr int kThreads = 600;
+    constexpr int kObjects = 16;
+    std::uint64_t allocations = 0;
+    for (int i = 0; i < kThreads; ++i) {
+        std::thread([&] {
+            const std::uint64_t before = allocationCount();
+            std::array<Ref<NSObject>, kObjects> objects;
+            for (auto& object : objects) {
+                object = make<NSObject>();
+                (void)Weak<NSObject>(object);
+            }
+            allocations += allocationCount() - before;
+        }).join();
+    }
+    // The first may have made room for records, 4,096 at a time.
+    EXPECT_LE(allocations, kThreads * kObjects + 1);
 }
 
 TEST(Allocations, AReadWriteLockIsOneAndTakingItNone) {

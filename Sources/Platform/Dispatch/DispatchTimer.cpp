@@ -48,9 +48,11 @@ void DispatchTimer::schedule(std::uint64_t delay, std::uint64_t leeway) noexcept
 }
 
 void DispatchTimer::cancel() noexcept {
-    std::uintptr_t state = kWaiting;
-    if (!state_.compare_exchange_strong(state, kCancelled, std::memory_order_acq_rel) &&
-        state != kCancelled) {
+    std::uintptr_t state = state_.load(std::memory_order_acquire);
+    while (state == kWaiting &&
+           !state_.compare_exchange_weak(state, kCancelled, std::memory_order_acq_rel)) {
+    }
+    if (state > kCancelled) {
         handlerIn(state).cancel();
     }
     if (mayBeArmed_.load(std::memory_order_relaxed) &&

@@ -1,5 +1,6 @@
 #include "VantorqFoundation/Platform/RefCounted.h"
 
+#include <array>
 #include <memory>
 
 #include "Sources/Platform/Concurrency/SpinPause.h"
@@ -104,13 +105,34 @@ std::uint32_t popFree() noexcept {
     return 0;
 }
 
-}  // namespace
+/// The records that the thread has freed last, and that it takes first: without a lock, and still
+/// in its cache.
+struct OwnFree {
+    std::array<SideRecord*, 16> records;
+    std::uint32_t count;
+    bool isOpen;
+    bool hasEnded;
+};
+[[gnu::tls_model("initial-exec")]] constinit thread_local OwnFree ownFree{};
 
-SideRecord& SideRecord::at(std::uint32_t index) noexcept {
-    return chunks[index >> kChunkBits].load(std::memory_order_acquire)[index & (kChunkSize - 1)];
+void closeOwnFree(void*) noexcept {
+    ownFree.isOpen = false;
+    ownFree.hasEnded = true;
+    while (ownFree.count > 0) {
+        SideRecord::free(*ownFree.records[--ownFree.count]);
+    }
 }
 
-SideRecord* SideRecord::allocate(const RefCounted* object) noexcept {
+/// Frees a record that the thread has no room for, or not yet.
+[[gnu::noinline]] void freeToList(SideRecord& record) noexcept {
+    if (!ownFree.isOpen && !ownFree.hasEnded) {
+        atThreadEnd<&closeOwnFree>(&ownFree);
+        ownFree.isOpen = true;
+    }
+    freeLists[threadNumber() % kFreeLists].push(record);
+}
+
+[[gnu::noinline]] SideRecord& takeFromList() {
     std::uint32_t index = popFree();
     if (index == 0) {
         index = nextUnused.fetch_add(1, std::memory_order_relaxed);
@@ -119,15 +141,30 @@ SideRecord* SideRecord::allocate(const RefCounted* object) noexcept {
         }
         (void)chunk(index >> kChunkBits);
     }
-    SideRecord& record = at(index);
+    SideRecord& record = SideRecord::at(index);
     record.index = index;
+    return record;
+}
+
+}  // namespace
+
+SideRecord& SideRecord::at(std::uint32_t index) noexcept {
+    return chunks[index >> kChunkBits].load(std::memory_order_acquire)[index & (kChunkSize - 1)];
+}
+
+SideRecord* SideRecord::allocate(const RefCounted* object) noexcept {
+    SideRecord& record = ownFree.count > 0 ? *ownFree.records[--ownFree.count] : takeFromList();
     record.object = object;
     record.owners.store(2, std::memory_order_relaxed);
     return &record;
 }
 
 void SideRecord::free(SideRecord& record) noexcept {
-    freeLists[threadNumber() % kFreeLists].push(record);
+    if (ownFree.isOpen && ownFree.count < ownFree.records.size()) {
+        ownFree.records[ownFree.count++] = &record;
+    } else {
+        freeToList(record);
+    }
 }
 
 /// Cuts the record off its object, which is about to be destroyed.
