@@ -111,6 +111,25 @@ class BenchReport(unittest.TestCase):
     def test_a_peer_without_ours_fails_the_report(self):
         self.assertEqual(self.report(runs=[run("Lock/Peer A", 1.0)]).returncode, 1)
 
+    def test_the_table_of_a_page_is_written_anew(self):
+        page = self.folder / "page.md"
+        head = "# Title\n\n| benchmark | ours | peer | peer's time | ratio |\n|---|---|---|---|---|\n"
+        page.write_text(head + "| Old | 1.0 ns | Peer | 2.0 ns | 2.00 |\n\nA word.\n")
+        self.assertEqual(self.report("--table", "page.md").returncode, 0)
+        self.assertEqual(page.read_text(), head +
+                         "| Alone | 30.0 ns | – | – | – |\n"
+                         "| Cache/get/64 | 2,000 ns | Peer A | 4,000 ns | 2.00 |\n"
+                         "| Lock | 12.0 ns | Peer A | 24.0 ns | 2.00 |\n"
+                         "| Lock | 12.0 ns | Peer B | 6.0 ns | 0.50 |\n"
+                         "\nA word.\n")
+
+    def test_a_page_without_the_table_is_refused(self):
+        page = self.folder / "page.md"
+        for text in ("# Title\n", "| a | b |\n|---|---|\n"):
+            page.write_text(text)
+            self.assertNotEqual(self.report("--table", "page.md").returncode, 0)
+            self.assertEqual(page.read_text(), text)
+
     def test_the_chart_has_a_bar_per_peer(self):
         self.assertEqual(self.report("--chart", "chart.svg").returncode, 0)
         chart = xml.etree.ElementTree.parse(self.folder / "chart.svg")
