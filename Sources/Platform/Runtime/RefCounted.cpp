@@ -1,6 +1,5 @@
 #include "VantorqFoundation/Platform/RefCounted.h"
 
-#include <array>
 #include <memory>
 
 #include "Sources/Platform/Concurrency/SpinPause.h"
@@ -107,28 +106,56 @@ std::uint32_t popFree() noexcept {
 
 /// The records that the thread has freed last, and that it takes first: without a lock, and still
 /// in its cache.
-struct OwnFree {
-    std::array<SideRecord*, 16> records;
-    std::uint32_t count;
-    bool isOpen;
-    bool hasEnded;
+class OwnFree {
+public:
+    /// False when there is no room, or not yet, or no more.
+    bool push(SideRecord& record) noexcept {
+        if (!isOpen_ || count_ == kMost) {
+            return false;
+        }
+        record.nextFree.store(first_, std::memory_order_relaxed);
+        first_ = record.index;
+        ++count_;
+        return true;
+    }
+    /// Null when there is none.
+    SideRecord* pop() noexcept {
+        if (count_ == 0) {
+            return nullptr;
+        }
+        --count_;
+        SideRecord& record = SideRecord::at(first_);
+        first_ = record.nextFree.load(std::memory_order_relaxed);
+        return &record;
+    }
+    void open() noexcept {
+        if (!isOpen_ && !hasEnded_) {
+            atThreadEnd<&OwnFree::close>(this);
+            isOpen_ = true;
+        }
+    }
+
+private:
+    static constexpr std::uint32_t kMost = 16;
+
+    static void close(void* self) noexcept {
+        auto& own = *static_cast<OwnFree*>(self);
+        own.isOpen_ = false;
+        own.hasEnded_ = true;
+        while (SideRecord* record = own.pop()) {
+            SideRecord::free(*record);
+        }
+    }
+
+    std::uint32_t first_ = 0;
+    std::uint32_t count_ = 0;
+    bool isOpen_ = false;
+    bool hasEnded_ = false;
 };
-[[gnu::tls_model("initial-exec")]] constinit thread_local OwnFree ownFree{};
+[[gnu::tls_model("initial-exec")]] constinit thread_local OwnFree ownFree;
 
-void closeOwnFree(void*) noexcept {
-    ownFree.isOpen = false;
-    ownFree.hasEnded = true;
-    while (ownFree.count > 0) {
-        SideRecord::free(*ownFree.records[--ownFree.count]);
-    }
-}
-
-/// Frees a record that the thread has no room for, or not yet.
 [[gnu::noinline]] void freeToList(SideRecord& record) noexcept {
-    if (!ownFree.isOpen && !ownFree.hasEnded) {
-        atThreadEnd<&closeOwnFree>(&ownFree);
-        ownFree.isOpen = true;
-    }
+    ownFree.open();
     freeLists[threadNumber() % kFreeLists].push(record);
 }
 
@@ -153,16 +180,15 @@ SideRecord& SideRecord::at(std::uint32_t index) noexcept {
 }
 
 SideRecord* SideRecord::allocate(const RefCounted* object) noexcept {
-    SideRecord& record = ownFree.count > 0 ? *ownFree.records[--ownFree.count] : takeFromList();
+    SideRecord* const own = ownFree.pop();
+    SideRecord& record = own != nullptr ? *own : takeFromList();
     record.object = object;
     record.owners.store(2, std::memory_order_relaxed);
     return &record;
 }
 
 void SideRecord::free(SideRecord& record) noexcept {
-    if (ownFree.isOpen && ownFree.count < ownFree.records.size()) {
-        ownFree.records[ownFree.count++] = &record;
-    } else {
+    if (!ownFree.push(record)) {
         freeToList(record);
     }
 }
