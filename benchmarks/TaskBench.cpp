@@ -161,9 +161,9 @@ BENCHMARK(awaitAsioFutures)
 
 void startTask(benchmark::State& state) {
     const auto work = [] { return numberOf(1); };
-    const std::uint64_t before = allocationCount();
     std::vector<Task<std::int64_t>> tasks;
     tasks.reserve(kTasks);
+    const std::uint64_t before = allocationCount();
     while (state.KeepRunningBatch(kTasks)) {
         for (int i = 0; i < kTasks; ++i) {
             tasks.push_back(Task<std::int64_t>::start(work));

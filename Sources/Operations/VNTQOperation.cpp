@@ -1,6 +1,5 @@
 #include "VantorqFoundation/VNTQOperation.h"
 
-#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -109,17 +108,12 @@ double VNTQOperation::timeRemaining() const {
     return finished_ ? 0 : std::numeric_limits<double>::infinity();
 }
 
-/// `timeRemaining` for the time-out. A deadline that is far ahead is seen from the last tick of the
-/// clock, which is several times faster to read; it is never farther than it was at the start.
-double VNTQOperation::timeLeft() const {
-    constexpr double kFarAhead = 10;
+/// Whether `timeRemaining` is above 0. A deadline that is far ahead needs no exact time.
+bool VNTQOperation::hasTimeLeft() const {
+    constexpr double kFarAhead = 1;
     const double deadline = deadline_;
-    if (!std::isnan(deadline)) {
-        if (const double left = deadline - NSDate::coarseNow(); left > kFarAhead) {
-            return std::min(left, deadline - startDate_);
-        }
-    }
-    return timeRemaining();
+    const bool isFarAhead = !std::isnan(deadline) && deadline - NSDate::coarseNow() > kFarAhead;
+    return isFarAhead || timeRemaining() > 0;
 }
 
 bool VNTQOperation::isStillExecuting() const {
@@ -132,7 +126,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    if (!(timeLeft() > 0)) {
+    if (!hasTimeLeft()) {
         completeWithTimeout();
         return;
     }
@@ -140,7 +134,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    const double left = timeLeft();
+    const double left = timeRemaining();
     if (!(left > 0)) {
         completeWithTimeout();
         return;

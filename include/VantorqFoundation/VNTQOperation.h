@@ -105,8 +105,7 @@ public:
     virtual void execute();
     /// The work. Empty here.
     void main() override;
-    /// Arms the time-out timer, to fire after `seconds`. Called by `execute`, with `timeRemaining`,
-    /// which is that of the system clock's last tick if it is above ten seconds; overridable.
+    /// Arms the time-out timer, to fire after `seconds`. Called by `execute`; overridable.
     virtual void scheduleTimer(double seconds);
     /// Disarms the timer if one is armed.
     virtual void invalidateTimerIfNeeded();
@@ -151,7 +150,7 @@ private:
     [[nodiscard]] Ref<DispatchQueue> callbackQueue() const;
     [[nodiscard]] Ref<VNTQResult> resultToDeliver() const;
     [[nodiscard]] bool isStillExecuting() const;
-    [[nodiscard]] double timeLeft() const;
+    [[nodiscard]] bool hasTimeLeft() const;
     void moveDeadline(double startDate);
     bool announceExecutionEnd(const Ref<VNTQResult>* result);
 

@@ -113,22 +113,31 @@ class BenchReport(unittest.TestCase):
 
     def test_the_table_of_a_page_is_written_anew(self):
         page = self.folder / "page.md"
-        head = "# Title\n\n| benchmark | ours | peer | peer's time | ratio |\n|---|---|---|---|---|\n"
-        page.write_text(head + "| Old | 1.0 ns | Peer | 2.0 ns | 2.00 |\n\nA word.\n")
+        head = "# Title\n\n| a | b |\n|---|---|\n| 1 | 2 |\n\n| benchmark | ours | peer | peer's time | ratio |\n|---|---|---|---|---|\n"
+        page.write_text(head + "| Old | 1.0 ns | Peer | 2.0 ns | 2.00 |\n\nA word.\n\n| c |\n|---|\n")
         self.assertEqual(self.report("--table", "page.md").returncode, 0)
         self.assertEqual(page.read_text(), head +
                          "| Alone | 30.0 ns | – | – | – |\n"
                          "| Cache/get/64 | 2,000 ns | Peer A | 4,000 ns | 2.00 |\n"
                          "| Lock | 12.0 ns | Peer A | 24.0 ns | 2.00 |\n"
                          "| Lock | 12.0 ns | Peer B | 6.0 ns | 0.50 |\n"
-                         "\nA word.\n")
+                         "\nA word.\n\n| c |\n|---|\n")
+
+    def test_names_are_written_as_markdown_shows_them(self):
+        page = self.folder / "page.md"
+        page.write_text("| benchmark | ours | peer | peer's time | ratio |\n|---|---|---|---|---|\n")
+        self.report("--table", "page.md", runs=[run("Async<int> | await/ours", 1.0)])
+        self.assertIn("| Async&lt;int&gt; \\| await | 1.0 ns |", page.read_text())
 
     def test_a_page_without_the_table_is_refused(self):
         page = self.folder / "page.md"
-        for text in ("# Title\n", "| a | b |\n|---|---|\n"):
+        twice = "| benchmark | ratio |\n|---|---|\n\n" * 2
+        for text in ("# Title\n", "| a | b |\n|---|---|\n", twice):
             page.write_text(text)
-            self.assertNotEqual(self.report("--table", "page.md").returncode, 0)
+            self.assertNotEqual(
+                self.report("--table", "page.md", "--chart", "chart.svg").returncode, 0)
             self.assertEqual(page.read_text(), text)
+            self.assertFalse((self.folder / "chart.svg").exists())
 
     def test_the_chart_has_a_bar_per_peer(self):
         self.assertEqual(self.report("--chart", "chart.svg").returncode, 0)

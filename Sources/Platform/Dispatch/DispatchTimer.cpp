@@ -43,22 +43,25 @@ void DispatchTimer::schedule(std::uint64_t delay, std::uint64_t leeway) noexcept
         instantAfter(isCoarse ? coarseMonotonicNow() : monotonicNow(), saturated(delay));
     TimerStore::monotonic().arm(*this, isCoarse ? instantAfter(earliest, span / 2) : earliest,
                                 instantAfter(earliest, span));
-    // Set last: a cancellation that comes in between leaves the entry to the destructor.
-    mayBeArmed_.store(true, std::memory_order_release);
+    // A cancellation that came in between may have found nothing to disarm.
+    if (state_.load(std::memory_order_acquire) != kWaiting) {
+        TimerStore::monotonic().disarm(*this);
+    }
 }
 
 void DispatchTimer::cancel() noexcept {
     std::uintptr_t state = state_.load(std::memory_order_acquire);
+    if (state == kCancelled) {
+        return;
+    }
     while (state == kWaiting &&
            !state_.compare_exchange_weak(state, kCancelled, std::memory_order_acq_rel)) {
     }
     if (state > kCancelled) {
         handlerIn(state).cancel();
     }
-    if (mayBeArmed_.load(std::memory_order_relaxed) &&
-        mayBeArmed_.exchange(false, std::memory_order_acq_rel)) {
-        TimerStore::monotonic().disarm(*this);
-    }
+    // Also waits until `fire`, if it is under way, no longer uses the timer.
+    TimerStore::monotonic().disarm(*this);
 }
 
 bool DispatchTimer::isCancelled() const noexcept {

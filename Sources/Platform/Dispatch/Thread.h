@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include "VantorqFoundation/Platform/Trap.h"
+
 namespace vantorq {
 
 /// Starts a detached thread that runs `body(context)`, with every signal blocked, so that the
@@ -32,15 +34,19 @@ namespace vantorq {
 
 /// Has `Function(context)` called when the calling thread ends, after its thread-local objects are
 /// gone. Once per function: a later context replaces the one before. Never called on a thread that
-/// ends with the process.
+/// ends with the process. Traps when the system has no room for it.
 template <void (*Function)(void*)>
 void atThreadEnd(void* context) {
     static const pthread_key_t key = [] {
         pthread_key_t made;
-        ::pthread_key_create(&made, Function);
+        if (::pthread_key_create(&made, Function) != 0) {
+            VNTQ_TRAP("Threads: the system has no room for one more key");
+        }
         return made;
     }();
-    ::pthread_setspecific(key, context);
+    if (::pthread_setspecific(key, context) != 0) {
+        VNTQ_TRAP("Threads: the system has no memory for a thread's value");
+    }
 }
 
 }  // namespace vantorq

@@ -48,7 +48,7 @@ public:
                 out[i] = works_[next + i].load(std::memory_order_relaxed);
             }
             if (count == 0 ||
-                state_.compare_exchange_weak(state, state + count, std::memory_order_acquire)) {
+                state_.compare_exchange_weak(state, state + count, std::memory_order_acq_rel)) {
                 return count;
             }
         }

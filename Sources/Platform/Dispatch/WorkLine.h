@@ -21,7 +21,8 @@ public:
     [[nodiscard]] std::size_t size() const noexcept { return size_; }
     [[nodiscard]] bool isEmpty() const noexcept { return size_ == 0; }
 
-    void push(Work& work) {
+    /// Without memory the process ends: others already count on the work being here.
+    void push(Work& work) noexcept {
         if (size_ == capacity_) {
             grow();
         }

@@ -133,7 +133,6 @@ private:
 
     Ref<DispatchQueue> queue_;
     std::atomic<std::uintptr_t> state_{kWaiting};
-    std::atomic<bool> mayBeArmed_{false};
 };
 
 template <class F>
