@@ -23,7 +23,8 @@ struct Progress {
 };
 
 /// The consumer that finds out how much of the disk packages take. It begins with each as soon as
-/// its record is there, and has as many under way at a time as the machine has cores.
+/// its record is there, and has as many operations under way at a time as the machine has cores,
+/// two at least; a read that an operation gave up may go on beside them.
 class Measurer final : public vantorq::RefCounted {
 public:
     /// `databaseFolder` is the one that has the folder `info`; a package may take `timeout`

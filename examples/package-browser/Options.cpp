@@ -128,8 +128,9 @@ have on disk, largest first.
   --timeout SECONDS  How long one package may take to measure, 10 by default.
   --help             Shows this text.
 
-Exits with 0, with 2 when an argument is wrong or the database cannot be read,
-or with 130 when interrupted by Ctrl-C.
+Exits with 0, with 2 when an argument is wrong, no package is in the section,
+the database cannot be read or the listing cannot be written, or with 130 when
+interrupted by Ctrl-C.
 )";
 }
 

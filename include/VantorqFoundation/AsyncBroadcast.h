@@ -40,12 +40,16 @@ namespace vantorq {
 ///   nobody later. A limit of 0 keeps nothing.
 /// - After the source has ended or failed, each consumer receives what is kept beyond its place,
 ///   then the end, or the error, the latter at every further call.
+/// - `unbounded` keeps every element as long as the broadcast lives, also those that all consumers
+///   have read, and `bufferingOldest` the first ones; for a source without an end there is
+///   `bufferingNewest`.
 ///
 /// Consumers do not disturb each other. Cancelling a consumer's task ends that consumer's sequence,
 /// without an error, once the element that it waits for is there; the reading of the source goes on
 /// for the others. At most one reading is under way at a time. The consumer that begins one calls
 /// the source's `next`, on its thread and its actor; what that returns is awaited by a task of its
-/// own, on no actor, which nobody cancels and which outlives the broadcast.
+/// own, on no actor, which nobody cancels and which outlives the broadcast. It ends when the source
+/// answers; what is to be stopped is the source.
 ///
 /// A broadcast lives as long as somebody holds it or one of its iterators. Of the source it keeps
 /// the iterator alone, which must not refer to the sequence itself. Elements are copied to each

@@ -19,10 +19,11 @@
 /// From an operation with a completion handler to an awaitable, cancellable call.
 ///
 ///     Async<Page> load(Ref<Connection> connection, std::string address) {
-///         co_return co_await withCancellableThrowingResultHandler<Page>([&](auto complete) {
+///         auto page = withCancellableThrowingResultHandler<Page>([&](auto complete) {
 ///             auto request = connection->get(address, complete);
 ///             return [request] { request->cancel(); };
 ///         });
+///         co_return co_await std::move(page);
 ///     }
 ///
 /// `operation` is given a completion handler and returns a closure that cancels what it has begun.
@@ -45,7 +46,10 @@
 /// The operation is called on the awaiting thread, also when the task is cancelled already: then
 /// its cancel closure is called as soon as it returns. With an actor given as `isolation`, the
 /// operation is called on that actor. What the operation throws, the call throws. While neither
-/// outcome comes about, the call waits.
+/// outcome comes about, the call waits; so a handler that is dropped without having been called
+/// leaves it waiting until the task is cancelled. A cancelled call goes on once the cancel closure
+/// has returned: what the operation has begun may not have ended by then, and must not refer to
+/// what ends with the call.
 ///
 /// Threads: the completion handler may be called from any thread, any number of times, also within
 /// `operation`. The cancel closure is called on the thread that cancels the task, or that calls the

@@ -135,7 +135,9 @@ public:
         return tracking(std::make_unique<detail::HashTableStorage<Element>>(std::move(table)));
     }
 
-    /// Adds an element, and gives the closure that takes it out again. Nil traps.
+    /// Adds an element, unless an equal one is there, and gives the closure that takes it out
+    /// again, which it also does when it is dropped. Of equal ones that are tracked twice, the
+    /// first closure takes out the one that is there. Nil traps.
     [[nodiscard]] Untrack track(Element element);
 
     /// Takes everything out, and then cancels it, in no promised order.
@@ -162,7 +164,10 @@ private:
 /// Takes one element out of its tracker, once: when it is called, or else when its last copy is
 /// destroyed. The element is not cancelled by that. Does nothing when the tracker is gone.
 ///
-/// Owns the element until then. Threads: any.
+/// Owns the element until then, also when the table holds it weakly: an element that keeps its own
+/// closure keeps itself alive. A `cancel` that is under way may still cancel the element.
+///
+/// Threads: any.
 template <Cancellable Element>
     requires std::copy_constructible<Element>
 class CancellableTracker<Element>::Untrack {

@@ -13,10 +13,10 @@
 /// The library's errors: their domains, the fixed errors that the library and its host build, and
 /// what one wants to know of any error before showing or retrying it.
 ///
-/// Every failure travels as an `NSError`: a domain, a signed 64-bit code, and texts under the
-/// platform's standard keys. Each function here has a twin by message, in the category
-/// `NSError(VNTQFoundation)`: `vntq_error(3, info)` is `+[NSError vntq_error:userInfo:]`, and
-/// `vntq_isNetworkError(error)` is `-[NSError vntq_isNetworkError]`.
+/// The library's own failures are `NSError`s: a domain, a signed 64-bit code, and texts under the
+/// platform's standard keys. Coroutines throw them, as `NSErrorException`. Each function here has a
+/// twin by message, in the category `NSError(VNTQFoundation)`: `vntq_error(3, info)` is `+[NSError
+/// vntq_error:userInfo:]`, and `vntq_isNetworkError(error)` is `-[NSError vntq_isNetworkError]`.
 ///
 /// None of the functions fails, and none keeps state. Threads: any.
 namespace vantorq {

@@ -46,9 +46,14 @@ concept CancellableManager = std::equality_comparable<typename Manager::Cancella
 /// closes it for good: whatever is offered to a closed set is cancelled at once. Equal and hashed
 /// by identity, as its `Ref` is.
 ///
+/// What has ended by itself stays: what is under a key until it is replaced or removed, what has
+/// none until the set is closed. For work that comes and goes use keys, or a `CancellableTracker`.
+///
 /// Threads: any. One unfair lock guards the set, and cancellables that are in the set are cancelled
-/// while it is held: their `cancel` must not use the set, or it waits for ever. Those offered to a
-/// closed set are cancelled without the lock. What leaves the set is destroyed without it.
+/// while it is held: neither their `cancel`, nor anything that it leads to in place (cancellation
+/// handlers, cancel closures, observers, callbacks without a queue), may use the set or wait for a
+/// thread that does, or it waits for ever. Those offered to a closed set are cancelled without the
+/// lock. What leaves the set is destroyed without it.
 template <CancellableManager Manager>
 class ManagedCancellableSet final : public Disposable {
 public:

@@ -20,12 +20,13 @@ namespace vantorq {
 ///     (*ages)["Ada"] = 36;
 ///     std::optional<int> age = (*ages)["Ada"];
 ///     (*ages)["Ada"] = std::nullopt;  // removes it
-///     ages->modify("Grace", [](std::optional<int>& age) { age = age.value_or(0) + 1; });
 ///
-/// Every operation is one short critical section around one operation of the map, under one unfair
-/// lock, which stands in the object together with the map. Values are copied in and out. Single
-/// entries are hashed, compared and copied under the lock; what is replaced or removed is destroyed
-/// after it. Only `forEach` calls the caller while the lock is held.
+/// Every operation but `modify` is one short critical section around one operation of the map,
+/// under one unfair lock, which stands in the object together with the map. None reads and writes
+/// an entry in one: for values that several threads change by what they were, put a lock around a
+/// map. Values are copied in and out. Single entries are hashed, compared and copied under the
+/// lock; what is replaced or removed is destroyed after it. Only `forEach` calls the caller while
+/// the lock is held.
 ///
 /// `keys` and `values` copy nothing under the lock: they take a share of the map as it is, build
 /// the array from that after the lock, and a writer that comes meanwhile copies the map first. So
@@ -61,8 +62,11 @@ public:
     [[nodiscard]] Entry operator[](const Key& key) noexcept { return Entry(*this, key); }
     [[nodiscard]] std::optional<Value> operator[](const Key& key) const { return read(key); }
 
-    /// Changes an entry in place: calls `change(std::optional<Value>&)` with a copy of the value,
-    /// or nothing, and stores what `change` leaves; nothing removes the entry.
+    /// Reads an entry, has it changed, and writes it back, which is not one step: calls
+    /// `change(std::optional<Value>&)` with a copy of the value, or nothing, and stores what
+    /// `change` leaves; nothing removes the entry.
+    ///
+    ///     (*dictionary).modify("Grace", [](std::optional<int>& age) { age = 85; });
     ///
     /// These are two critical sections, a read and a write, and `change` runs between them without
     /// the lock. What another thread writes meanwhile is overwritten: two threads that count up at

@@ -33,24 +33,37 @@ namespace vantorq {
 ///     queue->addOperation(*fetch);  // or fetch->start()
 ///
 /// A subclass puts its work in `main` and calls one of the completion methods, at once or later,
-/// from any thread. The first completion or cancellation counts; all later ones are ignored. Every
-/// callback is called exactly once, also one that is registered after the end. A cancelled
-/// operation delivers nil. The time-out is counted from the start, and armed when `main` has
-/// returned: one that expires while `main` runs is reported as soon as it returns.
+/// from any thread. The first completion or cancellation counts; all later ones are ignored. A
+/// callback of `onResult` or `onCompletion` is called exactly once, also one that is registered
+/// after the end; a cancelled operation delivers nil.
 ///
-/// An operation may be completed before it is started. It is then ready at once, ahead of its
-/// dependencies, and finishes when it is started, without running `main`.
+/// An operation queue keeps its operations alive until they finish. Once `main` has returned
+/// nothing else does, not even the time-out: whoever is to complete the operation holds it, as
+/// above. One that is let go of before its end calls nobody.
+///
+/// The time-out is counted from the start, and armed when `main` has returned: one that expires
+/// while `main` runs is reported as soon as it returns. Deadlines are wall-clock dates, but a timer
+/// that is armed counts by `CLOCK_MONOTONIC`: it does not follow when the clock is set, and stands
+/// still while the machine sleeps. It fires on the execution queue, else on the global queue, and
+/// up to a tenth of its time late.
+///
+/// An operation may be completed before it is started. `isFinished` and `result` tell so at once,
+/// and it is ready ahead of its dependencies; "isFinished" is announced, and the callbacks that are
+/// registered so far are called, when it is started, without running `main`. One that is cancelled
+/// before its start waits for it likewise, with nil. Callbacks that are registered later are called
+/// at once.
 ///
 /// Threads: any thread may call any member. State changes are serialised by a recursive lock, and
 /// "isExecuting", "isFinished", "isReady" and "isCancelled" are announced while it is held, so an
 /// observer may call back into the operation on its own thread, and must not wait for another.
 /// Callbacks run after the lock is released; only those of an end that an observer brings about
-/// in place run while the change that it was told of still holds it. Times are wall-clock dates.
+/// in place run while the change that it was told of still holds it.
 class VNTQ_EXPORT VNTQOperation : public NSOperation {
     VNTQ_OBJECT(VNTQOperation, NSOperation)
 public:
     /// Takes the result, or nil from a cancelled operation.
     using ResultCallback = Block<void(VNTQResult*)>;
+    /// Takes the value or the error as it was given, which may be nil or an object of any class.
     using ObjectCallback = Block<void(NSObject*)>;
     using Callback = Block<void()>;
 
@@ -97,13 +110,13 @@ public:
     // Running.
 
     /// Starts the work, or finishes at once when the operation was completed or cancelled before.
-    /// The second start does nothing.
+    /// The second start does nothing. Does not look at `isReady`.
     void start() override;
     /// Ends the operation with nil. Before the start it only marks it; the start then finishes it.
     void cancel() override;
     /// Runs `main` and arms the time-out. Called by `start`; overridable.
     virtual void execute();
-    /// The work. Empty here.
+    /// The work. Empty here. Must not throw.
     void main() override;
     /// Arms the time-out timer, to fire after `seconds`. Called by `execute`; overridable.
     virtual void scheduleTimer(double seconds);
@@ -125,7 +138,9 @@ public:
     virtual void didFinishWithResult(const Ref<VNTQResult>& result);
 
     // Callbacks. Each returns the operation, for chaining. An empty callback traps in `onResult`
-    // and `onCompletion`, and is left out in the others, which go through `onResult`.
+    // and `onCompletion`, and is left out in the others, which go through `onResult`. Those that
+    // are registered before the end are called in that order, as one piece of work; later ones as a
+    // piece of work each. An exception that leaves one on a queue ends the process.
 
     virtual Ref<VNTQOperation> onResult(ResultCallback callback);
     /// Called at every end, cancellation included.

@@ -12,8 +12,8 @@
 
 namespace vantorq {
 
-/// Waits for a function for so long at most, by the clock: the machine's, which counts on while the
-/// machine is suspended, or one that a test moves.
+/// Cancels a function that has not ended after a time, and waits until it has. The time is by the
+/// clock: the machine's, which counts on while the machine is suspended, or one that a test moves.
 ///
 ///     try {
 ///         show(co_await withTimeout(std::chrono::seconds(30), load(page)));
@@ -29,7 +29,8 @@ namespace vantorq {
 ///
 /// The function runs as a task of its own, on the executor of the calling task, and is cancelled
 /// with that; it starts on no actor. It never outlives the await: one that does not notice its
-/// cancellation is waited for.
+/// cancellation, because it awaits another task's value, a `withContinuation` or a broadcast whose
+/// source is silent, is waited for.
 template <class T>
 Async<T> withTimeout(Clock::Duration length, Async<T> function,
                      Ref<Clock> clock = Clock::continuous()) {

@@ -23,18 +23,23 @@
 ///
 /// Such a function does nothing until its result is awaited. It then runs on the awaiting thread,
 /// up to the first await that has to wait, and the awaiting code goes on when it ends: on the actor
-/// where it was, else on whichever thread the end has come about. An exception that leaves the
-/// function is thrown by the await. To run a function beside others, give it to a `Task`; to wait
-/// for one in a thread of one's own, use `syncWait`.
+/// where it was, else on its task's executor. An exception that leaves the function is thrown by
+/// the await. To run a function beside others, give it to a `Task`; to wait for one in a thread of
+/// one's own, use `syncWait`.
+///
+/// An `Async` is awaited within a task or a `syncWait`. An awaitable of another library may be
+/// awaited in it only if it resumes on the thread that awaits: elsewhere the function would be
+/// outside of its task. Use `withContinuation` or a callback bridge for what comes from elsewhere.
 ///
 /// A call and its await take one allocation, the function's frame. A chain of awaits of any length
 /// does not deepen the stack; with GCC that holds in code that is compiled with optimisation, as it
 /// passes from one coroutine to the next by plain calls at `-O0`.
 ///
-/// GCC 12 destroys some temporaries of an awaited expression twice: those of closures and
-/// aggregates that own something. Give what you await a name first (`auto pending = f([value] { …
-/// });`), and do not await within the condition of an `if` or a loop but to declare a variable
-/// there.
+/// GCC 12 compiles some awaits wrongly, without a word. Closures, and aggregates that own
+/// something, are destroyed twice when they are made within the awaited expression, and aggregates
+/// when an await stands in their initialiser: give what you await a name first (`auto pending =
+/// f([value] { … });`). A condition such as `if (co_await f() == 1)` may never end: await there
+/// only to declare a variable, or test one that was set before.
 ///
 /// What the function's parameters refer to has to live until the await ends. Beware of a lambda
 /// with captures that is itself a coroutine: its captures are those of the lambda, which may be

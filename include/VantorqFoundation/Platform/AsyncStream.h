@@ -143,7 +143,9 @@ public:
     ///
     /// An element that is there already is taken by the call itself, and handed over without
     /// suspending and without an allocation. Waiting for one takes one allocation. Called by a task
-    /// that is cancelled, or whose cancellation comes while it waits, this ends the stream.
+    /// that is cancelled, or whose cancellation comes while it waits, this ends the stream, for all
+    /// its iterators; so do `withTimeout` and `whenAny` around it when they cancel it. What is
+    /// given is to be awaited: one that is dropped takes its element with it.
     [[nodiscard]] Async<std::optional<Element>> next() { return source_->next(); }
 
 private:

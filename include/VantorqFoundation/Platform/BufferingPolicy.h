@@ -4,7 +4,8 @@
 
 namespace vantorq {
 
-/// What a buffer keeps of the elements that nobody has taken yet.
+/// What a buffer keeps: a stream's of the elements that nobody has taken yet, a broadcast's of all
+/// that its source has given.
 ///
 ///     AsyncStream<Reading>::makeStream(BufferingPolicy::bufferingNewest(1))
 ///

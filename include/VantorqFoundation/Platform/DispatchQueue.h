@@ -83,13 +83,13 @@ Work& makeWork(F&& function) {
 ///   in order, but for work that is queued by work: a few pieces of that may go first, on the same
 ///   thread, while what they share is at hand. Own concurrent queues do the same under a label.
 /// - A serial queue runs one piece of work at a time, strictly in order.
-/// - The main queue is a serial queue whose work runs on the main thread, whenever that thread
-/// turns
-///   its run loop in a common mode.
+/// - The main queue is a serial queue whose work runs on the main thread, whenever that turns its
+///   run loop in a common mode.
 ///
 /// The pool starts its threads on first use, as many as the machine runs at a time, and more when
 /// queued work waits because those are blocked (256 at most). Threads that had nothing to do for a
-/// second end. All signals are blocked in them.
+/// second end. All signals are blocked in them. The end of the process does not wait for them: what
+/// is queued then may not run, and what runs may be cut off.
 ///
 /// Work is any callable without arguments, also a move-only one or a `Block`; a result is dropped.
 /// Callables of up to 48 bytes cost no allocation in the long run. A callable is destroyed on the
@@ -138,8 +138,9 @@ public:
 
     /// Runs `function` as work of this queue, waits for it, and returns its result. On an idle
     /// serial queue and on a concurrent one it runs in place, on the calling thread; else where its
-    /// turn comes. Traps on a serial queue whose work the caller is part of: it would wait for
-    /// itself.
+    /// turn comes, for the main queue on the main thread. Traps on a serial queue whose work the
+    /// caller is part of, and for the main queue on the main thread: it would wait for itself. An
+    /// exception that leaves `function` ends the process.
     template <class F>
         requires std::invocable<F&>
     std::invoke_result_t<F&> sync(F&& function) {

@@ -89,8 +89,9 @@ class DispatchTimerOf;
 /// later of its queue and the timer.
 class VNTQ_EXPORT DispatchTimer : public RefCounted, private detail::TimerEntry {
 public:
-    /// A timer without a time. The handler is any callable without arguments. If it can be moved
-    /// without throwing it is, when its time has come; timers are locked then.
+    /// A timer without a time. The handler is any callable without arguments. One that is moved
+    /// without throwing is moved when its time has come, with a lock of the timers held: its move
+    /// constructor must not use timers.
     template <class F>
         requires std::invocable<std::decay_t<F>&>
     [[nodiscard]] static Ref<DispatchTimer> timer(Ref<DispatchQueue> queue, F&& handler) {

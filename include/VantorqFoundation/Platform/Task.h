@@ -227,8 +227,11 @@ struct TaskOptions {
 /// has installed (`withTaskCancellationHandler`), nothing more: sleeping, waiting in a stream and
 /// the like notice that by themselves. Cancelling who waits for a task does not cancel the task.
 ///
-/// Starting a task takes one allocation beside the frame of the function. The function object is
-/// called by `start`, and is kept, with all that it has captured, until the work has ended.
+/// Starting a task takes one allocation beside the frame of the function. `start` calls the
+/// function object, on the calling thread, and throws what that throws; the function that it gives
+/// is run by the executor, on no actor, also when the task is cancelled before. The function object
+/// is kept, with all that it has captured, until the work has ended. What the work throws is for
+/// those who ask for its value or its outcome; when nobody does, it is dropped.
 ///
 /// `Failure` is `std::exception_ptr`, or `Never` for work that throws nothing: asking for the value
 /// of work that an exception has left then ends the process.
@@ -390,8 +393,9 @@ std::invoke_result_t<Operation&> withTaskCancellationHandler(Operation operation
 }
 
 /// Waits for `async` in a thread, and returns its value or throws what it throws. The function runs
-/// on the calling thread, as a task of its own, up to the first await that has to wait. For `main`
-/// functions and tests; code of a task awaits instead.
+/// on the calling thread, as a task of its own, up to the first await that has to wait, and then on
+/// the default global queue. The thread does nothing else meanwhile: a main thread does not serve
+/// the main queue. For `main` functions and tests; code of a task awaits instead.
 template <class T>
 T syncWait(Async<T> async) {
     const auto task = make<detail::TaskWithAsync<T>>(nullptr, std::move(async));

@@ -20,7 +20,8 @@ namespace vantorq {
 /// When one throws, the others are cancelled; once they have ended too, the error that was thrown
 /// first is thrown, and whatever the others came to is dropped. When the calling task is cancelled,
 /// or was already, all are. None outlives the await, so what they refer to has to live as long as
-/// that; one that does not notice its cancellation is waited for.
+/// that; one that does not notice its cancellation, because it awaits another task's value,
+/// a `withContinuation` or a broadcast whose source is silent, is waited for.
 template <class... T>
 Async<std::tuple<detail::Stored<T>...>> whenAll(Async<T>... functions) {
     detail::ChildTasks children;

@@ -34,7 +34,8 @@ struct WhenAnyResult {
 /// Once one has ended the others are cancelled, and waited for; what they come to, errors included,
 /// is dropped. When the calling task is cancelled, or was already, all are. None outlives the
 /// await, so what they refer to has to live as long as that; one that does not notice its
-/// cancellation is waited for.
+/// cancellation, because it awaits another task's value, a `withContinuation` or a broadcast whose
+/// source is silent, is waited for.
 template <class... T>
     requires(sizeof...(T) > 0)
 Async<std::variant<detail::Stored<T>...>> whenAny(Async<T>... functions) {
