@@ -1,5 +1,6 @@
 #include "VantorqFoundation/VNTQOperation.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <mutex>
@@ -108,12 +109,21 @@ double VNTQOperation::timeRemaining() const {
     return finished_ ? 0 : std::numeric_limits<double>::infinity();
 }
 
-/// Whether `timeRemaining` is above 0. A deadline that is far ahead needs no exact time.
-bool VNTQOperation::hasTimeLeft() const {
-    constexpr double kFarAhead = 1;
+/// `timeRemaining` for the time-out. A deadline that is far ahead is seen from the last tick of the
+/// clock, which is several times faster to read. It is not seen farther than it was at the start,
+/// unless the clock has been set back.
+double VNTQOperation::timeLeft() const {
+    constexpr double kFarAhead = 10;
+    constexpr double kMostLag = 1;
     const double deadline = deadline_;
-    const bool isFarAhead = !std::isnan(deadline) && deadline - NSDate::coarseNow() > kFarAhead;
-    return isFarAhead || timeRemaining() > 0;
+    if (!std::isnan(deadline)) {
+        const double tick = NSDate::coarseNow();
+        const double start = startDate_;
+        if (deadline - tick > kFarAhead && start - tick < kMostLag) {
+            return deadline - std::max(start, tick);
+        }
+    }
+    return timeRemaining();
 }
 
 bool VNTQOperation::isStillExecuting() const {
@@ -126,7 +136,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    if (!hasTimeLeft()) {
+    if (!(timeLeft() > 0)) {
         completeWithTimeout();
         return;
     }
@@ -134,7 +144,7 @@ void VNTQOperation::execute() {
     if (!isStillExecuting()) {
         return;
     }
-    const double left = timeRemaining();
+    const double left = timeLeft();
     if (!(left > 0)) {
         completeWithTimeout();
         return;

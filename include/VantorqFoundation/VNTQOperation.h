@@ -118,7 +118,8 @@ public:
     virtual void execute();
     /// The work. Empty here. Must not throw.
     void main() override;
-    /// Arms the time-out timer, to fire after `seconds`. Called by `execute`; overridable.
+    /// Arms the time-out timer, to fire after `seconds`. Called by `execute` with `timeRemaining`,
+    /// which above ten seconds is that of the system clock's last tick; overridable.
     virtual void scheduleTimer(double seconds);
     /// Disarms the timer if one is armed.
     virtual void invalidateTimerIfNeeded();
@@ -165,7 +166,7 @@ private:
     [[nodiscard]] Ref<DispatchQueue> callbackQueue() const;
     [[nodiscard]] Ref<VNTQResult> resultToDeliver() const;
     [[nodiscard]] bool isStillExecuting() const;
-    [[nodiscard]] bool hasTimeLeft() const;
+    [[nodiscard]] double timeLeft() const;
     void moveDeadline(double startDate);
     bool announceExecutionEnd(const Ref<VNTQResult>* result);
 

@@ -195,11 +195,10 @@ TEST(OperationDeadline, IsArmedOnlyAfterMainHasReturned) {
     operation->cancel();
 }
 
-TEST(OperationDeadline, IsArmedForNoLongerThanWhatIsLeft) {
-    // The last is so far ahead that a timer need not be exact.
-    for (const double interval : {0.5, 5.0, 30.0}) {
-        const auto operation = inlineOperation(
-            [](auto*) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); });
+TEST(OperationDeadline, IsArmedForWhatIsLeft) {
+    const auto sleep = [](auto*) { std::this_thread::sleep_for(std::chrono::milliseconds(20)); };
+    for (const double interval : {0.5, 5.0}) {
+        const auto operation = inlineOperation(sleep);
         operation->armsTimer = false;
         operation->setTimeoutInterval(interval);
         operation->start();
@@ -208,6 +207,34 @@ TEST(OperationDeadline, IsArmedForNoLongerThanWhatIsLeft) {
         EXPECT_GE(operation->scheduledSeconds[0], operation->timeRemaining());
         operation->cancel();
     }
+}
+
+TEST(OperationDeadline, ThatIsFarAheadIsSeenFromTheClocksLastTickButNoFartherThanFromTheStart) {
+    const double before = NSDate::coarseNow();
+    for (int i = 0; i < 100; ++i) {
+        const auto operation = inlineOperation();
+        operation->armsTimer = false;
+        operation->setTimeoutInterval(30);
+        operation->start();
+        const double deadline = operation->timeoutDate()->timeIntervalSinceReferenceDate();
+        const double seconds = operation->scheduledSeconds.at(0);
+        EXPECT_LE(seconds, 30 + 1e-6);  // as far as a date can tell
+        EXPECT_GE(seconds, operation->timeRemaining());
+        EXPECT_LE(seconds, deadline - before + 1e-6);
+        operation->cancel();
+    }
+}
+
+TEST(OperationDeadline, ThatIsFarAheadOfAStartLongAgoIsSeenFromNow) {
+    const auto operation = inlineOperation([](ProbeOperation* self) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        self->setTimeoutDate(NSDate::dateWithTimeIntervalSinceNow(20));
+    });
+    operation->armsTimer = false;
+    operation->start();
+    EXPECT_LE(operation->scheduledSeconds.at(0), 20.15);
+    EXPECT_GE(operation->scheduledSeconds.at(0), operation->timeRemaining());
+    operation->cancel();
 }
 
 TEST(OperationDeadline, IsNotArmedWhenMainHasCompletedTheOperation) {
