@@ -74,10 +74,10 @@ public:
     /// is the very object that is written; that one is cancelled then, and stays. In a closed set,
     /// writing cancels what is written.
     [[nodiscard]] Entry operator[](CancellableKeys key) {
-        return Entry(*this, Key(std::in_place_index<kExplicitKey>, std::move(key)));
+        return Entry(*this, KeyType(std::in_place_index<kExplicitKey>, std::move(key)));
     }
     [[nodiscard]] Entry operator[](PartialKeyPath<Manager> path) {
-        return Entry(*this, Key(std::in_place_index<kKeyPath>, path));
+        return Entry(*this, KeyType(std::in_place_index<kKeyPath>, path));
     }
 
     /// Changes an entry in place: calls `change(std::optional<CancellableRef>&)` with what is
@@ -112,9 +112,9 @@ public:
 private:
     static constexpr std::size_t kExplicitKey = 0;
     static constexpr std::size_t kKeyPath = 1;
-    using Key = std::variant<CancellableKeys, PartialKeyPath<Manager>>;
+    using KeyType = std::variant<CancellableKeys, PartialKeyPath<Manager>>;
     struct KeyHash {
-        std::size_t operator()(const Key& key) const noexcept {
+        std::size_t operator()(const KeyType& key) const noexcept {
             Hasher hasher;
             hasher.combine(key.index());
             std::visit(
@@ -127,13 +127,13 @@ private:
     };
     struct StoredCancellables {
         std::vector<CancellableRef> anonymousCancellables;
-        FlatMap<Key, CancellableRef, KeyHash> keyedCancellables;
+        FlatMap<KeyType, CancellableRef, KeyHash> keyedCancellables;
     };
 
     ~ManagedCancellableSet() override { cancel(); }
 
-    [[nodiscard]] std::optional<CancellableRef> read(const Key& key) const;
-    void write(const Key& key, std::optional<CancellableRef> value);
+    [[nodiscard]] std::optional<CancellableRef> read(const KeyType& key) const;
+    void write(const KeyType& key, std::optional<CancellableRef> value);
 
     /// Empty when the set is closed.
     OSAllocatedUnfairLock<std::optional<StoredCancellables>> storedCancellables_{
@@ -162,7 +162,7 @@ public:
 
 private:
     friend class ManagedCancellableSet;
-    Entry(ManagedCancellableSet& set, Key key) noexcept : set_(set), key_(std::move(key)) {}
+    Entry(ManagedCancellableSet& set, KeyType key) noexcept : set_(set), key_(std::move(key)) {}
 
     template <class Change>
     void modify(Change&& change) {
@@ -172,7 +172,7 @@ private:
     }
 
     ManagedCancellableSet& set_;
-    const Key key_;
+    const KeyType key_;
 };
 
 template <CancellableManager Manager>
@@ -189,7 +189,7 @@ void ManagedCancellableSet<Manager>::insert(CancellableRef cancellable) {
 }
 
 template <CancellableManager Manager>
-std::optional<CancellableRef> ManagedCancellableSet<Manager>::read(const Key& key) const {
+std::optional<CancellableRef> ManagedCancellableSet<Manager>::read(const KeyType& key) const {
     return storedCancellables_.withLock([&](const auto& open) -> std::optional<CancellableRef> {
         const CancellableRef* entry = open ? open->keyedCancellables.find(key) : nullptr;
         return entry != nullptr ? std::optional(*entry) : std::nullopt;
@@ -197,8 +197,9 @@ std::optional<CancellableRef> ManagedCancellableSet<Manager>::read(const Key& ke
 }
 
 template <CancellableManager Manager>
-void ManagedCancellableSet<Manager>::write(const Key& key, std::optional<CancellableRef> value) {
-    std::optional<std::pair<Key, CancellableRef>> removed;  // ends after the lock
+void ManagedCancellableSet<Manager>::write(const KeyType& key,
+                                           std::optional<CancellableRef> value) {
+    std::optional<std::pair<KeyType, CancellableRef>> removed;  // ends after the lock
     const bool isClosed = storedCancellables_.withLock([&](auto& open) {
         if (!open) {
             return true;

@@ -287,12 +287,12 @@ TEST(OperationTimeout, CompletesWithTheTimeoutError) {
     EXPECT_EQ(errorOf(*operation)->userInfo()->count(), 1U);
 }
 
-TEST(OperationTimeout, FiresOnTheExecutionQueue) {
-    const auto queue = DispatchQueue::serial("test.timer");
+/// The queue that an operation with such an execution queue times out on.
+const DispatchQueue* queueOfTimeout(const Ref<DispatchQueue>& executionQueue) {
     std::latch delivered(1);
     const DispatchQueue* current = nullptr;
     const auto operation = inlineOperation();
-    operation->setExecutionQueue(queue);
+    operation->setExecutionQueue(executionQueue);
     operation->setTimeoutInterval(0.01);
     operation->onCompletion([&] {
         current = DispatchQueue::current();
@@ -300,22 +300,18 @@ TEST(OperationTimeout, FiresOnTheExecutionQueue) {
     });
     operation->start();
     delivered.wait();
-    EXPECT_EQ(current, queue.get());
+    return current;
+}
+
+TEST(OperationTimeout, FiresOnTheExecutionQueue) {
+    const auto queue = DispatchQueue::serial("test.timer");
+    EXPECT_EQ(queueOfTimeout(queue), queue.get());
 }
 
 TEST(OperationTimeout, FiresOnTheGlobalQueueWithoutAnExecutionQueue) {
-    std::latch delivered(1);
-    const DispatchQueue* current = nullptr;
-    const auto operation = inlineOperation();
-    operation->setTimeoutInterval(0.01);
-    operation->onCompletion([&] {
-        current = DispatchQueue::current();
-        delivered.count_down();
-    });
-    operation->start();
-    delivered.wait();
-    EXPECT_EQ(current, DispatchQueue::global().get());
-    EXPECT_EQ(current->qos(), DispatchQoS::default_);
+    const DispatchQueue* const queue = queueOfTimeout(nullptr);
+    EXPECT_EQ(queue, DispatchQueue::global().get());
+    EXPECT_EQ(queue->qos(), DispatchQoS::default_);
 }
 
 TEST(OperationTimeout, ComesNoEarlierThanItsInterval) {

@@ -12,7 +12,9 @@ namespace package_browser {
 class TemporaryFolder {
 public:
     TemporaryFolder() {
-        std::string name = std::filesystem::temp_directory_path() / "package-browser-XXXXXX";
+        // mkdtemp(3) replaces as many of this letter at the end by what makes the name new.
+        std::string name = std::filesystem::temp_directory_path() / "package-browser-";
+        name.append(6, 'X');
         if (::mkdtemp(name.data()) == nullptr) {
             throw std::system_error(errno, std::generic_category(), name);
         }
